@@ -1,0 +1,45 @@
+# What `cmake --install` puts in place: both libraries, the headers in one folder, the package files
+# of CMake (find_package(Orvane)) and of pkg-config (orvane, orvane-static).
+include(CMakePackageConfigHelpers)
+
+set(ORVANE_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Orvane)
+
+# One export per library: who links the shared one needs none of the static one's dependencies.
+foreach(kind IN ITEMS Static Shared)
+  set(target Orvane)
+  if(kind STREQUAL "Shared")
+    set(target OrvaneShared)
+  endif()
+  set_target_properties(${target} PROPERTIES EXPORT_NAME ${kind})
+  install(TARGETS ${target} EXPORT Orvane${kind}Targets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(EXPORT Orvane${kind}Targets NAMESPACE Orvane:: DESTINATION ${ORVANE_PACKAGE_DIR})
+endforeach()
+
+file(GLOB ORVANE_HEADERS CONFIGURE_DEPENDS
+  ${PROJECT_SOURCE_DIR}/public_include/*.h
+  ${PROJECT_SOURCE_DIR}/public_include/${ORVANE_HOST}/*.h)
+install(FILES ${ORVANE_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Orvane)
+
+configure_package_config_file(
+  ${PROJECT_SOURCE_DIR}/cmake/OrvaneConfig.cmake.in ${PROJECT_BINARY_DIR}/OrvaneConfig.cmake
+  INSTALL_DESTINATION ${ORVANE_PACKAGE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/OrvaneConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/OrvaneConfig.cmake
+  ${PROJECT_BINARY_DIR}/OrvaneConfigVersion.cmake
+  DESTINATION ${ORVANE_PACKAGE_DIR})
+
+# The prefix is found from where the file lies, so an installed tree can be moved.
+file(RELATIVE_PATH ORVANE_PC_PREFIX
+  "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" ORVANE_PC_PREFIX "${ORVANE_PC_PREFIX}")
+foreach(package IN ITEMS orvane orvane-static)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${package}.pc.in
+    ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${package}.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

@@ -1,0 +1,10 @@
+# Applied to everything, the test framework included, so that one run-time is in play.
+if(ORVANE_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(ORVANE_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(ORVANE_SANITIZE)
+  message(FATAL_ERROR "ORVANE_SANITIZE is '${ORVANE_SANITIZE}', not address, thread or empty")
+endif()

@@ -1,0 +1,20 @@
+// Everything that the library exports.
+#pragma once
+
+#include "Buffer.h"
+#include "BufferFactory.h"
+#include "BufferList.h"
+#include "Cache.h"
+#include "CacheSource.h"
+#include "CacheTransaction.h"
+#include "Export.h"
+#include "FileSource.h"
+#include "MTInterface.h"
+#include "MTPrimitives.h"
+#include "NativeFileSysInterface.h"
+#include "OSServices.h"
+#include "OSServicesHost.h"
+#include "PhysMemInterface.h"
+#include "SharedObject.h"
+#include "SharedObjectList.h"
+#include "ThreadAnnotations.h"

@@ -1,0 +1,8 @@
+#include "Cache.h"
+
+namespace Orvane {
+
+Cache::Cache() = default;
+Cache::~Cache() = default;
+
+}  // namespace Orvane

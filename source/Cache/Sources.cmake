@@ -1,0 +1,3 @@
+list(APPEND ORVANE_SOURCES
+  Cache/Cache.cpp
+  Cache/CacheSource.cpp)

@@ -1,0 +1,140 @@
+#include "FileSource.h"
+
+#include "Buffer.h"
+#include "BufferList.h"
+#include "FileAbstraction/ResultCallbackWrapper.h"
+#include "OSServices/LibraryThread.h"
+
+namespace Orvane {
+namespace {
+
+constexpr const char* kFile = "source/FileAbstraction/FileSource";
+
+// The asynchronous operation that a synchronous or single-buffer one is made of.
+using ListOperation = CacheSource::Result_t (FileSource::*)(std::uint64_t, BufferList*,
+                                                            FileSource::ResultCallbackBufferList*,
+                                                            std::uint32_t);
+
+// Where the wrapper of a call is dropped, for tracing.
+struct CallSite {
+  const char* function;
+  unsigned long line;
+};
+
+CacheSource::Result_t RunSynchronously(FileSource* source, ListOperation operation,
+                                       std::uint64_t offset, Buffer* buffer, BufferList* list,
+                                       std::uint64_t* bytes, CallSite site) {
+  // This thread would wait for itself.
+  if (LibraryThreadMark::IsSetOnThisThread()) return CacheSource::kResultError;
+  auto* wrapper = new ResultCallbackWrapper(buffer);
+  const CacheSource::Result_t result = (source->*operation)(
+      offset, buffer ? wrapper->GetList() : list, wrapper, CacheSource::kDueASAP);
+  if (result == CacheSource::kResultPending) return wrapper->Wait(bytes);
+  wrapper->DecRef(kFile, site.function, site.line);
+  return result;
+}
+
+CacheSource::Result_t StartWithBuffer(FileSource* source, ListOperation operation,
+                                      std::uint64_t offset, Buffer* buffer,
+                                      FileSource::ResultCallbackBuffer* callback,
+                                      std::uint32_t dueTime, CallSite site) {
+  CacheSource::Result_t result = CacheSource::kResultError;
+  if (buffer) {
+    auto* wrapper = new ResultCallbackWrapper(callback, buffer);
+    result = (source->*operation)(offset, wrapper->GetList(), wrapper, dueTime);
+    // Once started, the wrapper may be gone.
+    if (result == CacheSource::kResultPending) return result;
+    wrapper->DecRef(kFile, site.function, site.line);
+  }
+  if (callback) callback->DecRef(kFile, site.function, site.line);
+  return result;
+}
+
+}  // namespace
+
+FileSource::ResultCallbackBufferList::ResultCallbackBufferList() = default;
+FileSource::ResultCallbackBufferList::~ResultCallbackBufferList() = default;
+FileSource::ResultCallbackBuffer::ResultCallbackBuffer() = default;
+FileSource::ResultCallbackBuffer::~ResultCallbackBuffer() = default;
+
+FileSource::FileSource() = default;
+FileSource::~FileSource() = default;
+
+FileSource::Result_t FileSource::Read(std::uint64_t offset, Buffer* buffer,
+                                      std::uint64_t* bytesRead) {
+  if (!buffer) return kResultError;
+  return RunSynchronously(this, &FileSource::ReadAsyncWithList, offset, buffer, nullptr, bytesRead,
+                          {"Orvane::FileSource::Read", 279});
+}
+
+FileSource::Result_t FileSource::ReadWithList(std::uint64_t offset, BufferList* list,
+                                              std::uint64_t* bytesRead) {
+  if (!list) return kResultError;
+  return RunSynchronously(this, &FileSource::ReadAsyncWithList, offset, nullptr, list, bytesRead,
+                          {"Orvane::FileSource::ReadWithList", 291});
+}
+
+FileSource::Result_t FileSource::ReadAsync(std::uint64_t offset, Buffer* buffer,
+                                           ResultCallbackBuffer* callback, std::uint32_t dueTime) {
+  return StartWithBuffer(this, &FileSource::ReadAsyncWithList, offset, buffer, callback, dueTime,
+                         {"Orvane::FileSource::ReadAsync", 303});
+}
+
+FileSource::Result_t FileSource::ReadAsyncWithList(std::uint64_t offset, BufferList* list,
+                                                   ResultCallbackBufferList* callback,
+                                                   std::uint32_t dueTime) {
+  if (!list) return kResultError;
+  // A cache that does not start a read answers with this one code, whatever its reason.
+  if (GetCache()) return kResultNotSupported;
+  return ReadAsyncWithListNonCached(offset, list, callback, dueTime);
+}
+
+void FileSource::PreRead(std::uint64_t offset, std::uint64_t size, std::uint32_t dueTime,
+                         MTThread::MTPriority priority) {
+  if (!GetCache()) PreReadNonCached(offset, size, dueTime, priority);
+}
+
+void FileSource::PreReadNonCached(std::uint64_t, std::uint64_t, std::uint32_t,
+                                  MTThread::MTPriority) {}
+
+bool FileSource::SupportsPreReads() { return false; }
+
+FileSource::Result_t FileSource::Write(std::uint64_t offset, Buffer* buffer,
+                                       std::uint64_t* bytesWritten) {
+  if (!buffer) return kResultError;
+  return RunSynchronously(this, &FileSource::WriteAsyncWithList, offset, buffer, nullptr,
+                          bytesWritten, {"Orvane::FileSource::Write", 327});
+}
+
+FileSource::Result_t FileSource::WriteWithList(std::uint64_t offset, BufferList* list,
+                                               std::uint64_t* bytesWritten) {
+  if (!list) return kResultError;
+  return RunSynchronously(this, &FileSource::WriteAsyncWithList, offset, nullptr, list,
+                          bytesWritten, {"Orvane::FileSource::WriteWithList", 339});
+}
+
+FileSource::Result_t FileSource::WriteAsync(std::uint64_t offset, Buffer* buffer,
+                                            ResultCallbackBuffer* callback,
+                                            std::uint32_t dueTime) {
+  return StartWithBuffer(this, &FileSource::WriteAsyncWithList, offset, buffer, callback, dueTime,
+                         {"Orvane::FileSource::WriteAsync", 351});
+}
+
+FileSource::Result_t FileSource::WriteAsyncWithList(std::uint64_t offset, BufferList* list,
+                                                    ResultCallbackBufferList* callback,
+                                                    std::uint32_t dueTime) {
+  if (!list) return kResultError;
+  return WriteAsyncWithListNonCached(offset, list, callback, dueTime);
+}
+
+void FileSource::Cancel() { CancelNonCached(); }
+
+FileSource::Result_t FileSource::ReadTransaction(CacheTransaction*) { return kResultNotSupported; }
+
+void FileSource::CancelAllTransactions() { CancelNonCached(); }
+
+void FileSource::PreReadTransaction(CacheTransaction*) {}
+
+bool FileSource::SupportsPreReadTransactions() { return SupportsPreReads(); }
+
+}  // namespace Orvane

@@ -1,0 +1,3 @@
+list(APPEND ORVANE_SOURCES
+  FileAbstraction/FileSource.cpp
+  FileAbstraction/ResultCallbackWrapper.cpp)

@@ -1,0 +1,283 @@
+#include "OSServices/AsyncHandlerWorker.h"
+
+#include <bit>
+
+#include "BufferList.h"
+#include "OSServices/AtomicValue.h"
+#include "OSServices/CritSecLock.h"
+#include "OSServices/LibraryThread.h"
+#include "OSServices/ReportScope.h"
+#include "PhysMemInterface.h"
+
+namespace Orvane {
+namespace {
+
+constexpr const char* kFile = "source/OSServices/AsyncHandlerWorker";
+
+// Times are compared by their difference: the millisecond clock wraps.
+bool IsDue(std::uint32_t nowMs, std::uint32_t deadlineMs) {
+  return static_cast<std::int32_t>(nowMs - deadlineMs) >= 0;
+}
+
+}  // namespace
+
+void AsyncHandler::WorkerMain() {
+  SetWorkerOfThisThread(this);
+  LibraryThreadMark mark;
+  if (AttachPort()) {
+    AtomicExchange(state_.get(), kRunning);
+    started_->Release(1);
+    WorkerLoop();
+    Shutdown();
+    port_->Detach();
+  } else {
+    started_->Release(1);
+  }
+  SetWorkerOfThisThread(nullptr);
+}
+
+bool AsyncHandler::AttachPort() {
+  try {
+    for (int attempt = 0;; ++attempt) {
+      port_ = makePort_(attempt);
+      if (!port_) return false;
+      if (port_->Attach()) return true;
+    }
+  } catch (...) {
+    // Memory or another resource is short; whoever waits for the start must hear of it.
+    port_.reset();
+    return false;
+  }
+}
+
+void AsyncHandler::WorkerLoop() {
+  for (;;) {
+    // Control first: completions that never cease must not keep a cancel or the end waiting.
+    if (control_->Get() & kStop) return;
+    if (TakeControl(kCancel)) ServeCancel();
+    IssuePass(/*expireAll=*/false);
+    AsyncPort::Completion completion;
+    if (NextCompletion(&completion)) OnCompletion(completion);
+  }
+}
+
+void AsyncHandler::ServeCancel() {
+  HostFile* file = nullptr;
+  {
+    CritSecLock lock(slotLock_.get());
+    file = fileToCancel_;
+  }
+  CancelOnWorker(file, FileSource::kResultFailed);
+  cancelDone_->Release(1);
+}
+
+void AsyncHandler::Shutdown() {
+  {
+    CritSecLock lock(slotLock_.get());
+    AtomicExchange(state_.get(), kNotRunning);
+  }
+  IssuePass(/*expireAll=*/true);
+  CancelOnWorker(nullptr, FileSource::kResultFailed);
+  // Raised under the lock while the worker was running, so seen here at the latest.
+  if (TakeControl(kCancel)) cancelDone_->Release(1);
+}
+
+void AsyncHandler::IssuePass(bool expireAll) {
+  std::uint32_t index = 0;
+  while (PopQueued(&index)) {
+    Slot& slot = slots_[index];
+    if (!expireAll && !IsDue(MTInterface::GetCurrentTimeMilli(), slot.deadlineMs)) {
+      slot.issuedFrom = 0;
+      IssueSlot(index);
+      continue;
+    }
+    // It waited too long: every request of its file fails with it. The file is held because the
+    // last of their references goes with the last report.
+    HostFile* const file = slot.file;
+    SharedObjectAutoRef keepFile(file);
+    CancelOnWorker(file, FileSource::kResultError);
+  }
+}
+
+bool AsyncHandler::PopQueued(std::uint32_t* index) {
+  CritSecLock lock(slotLock_.get());
+  if (queue_.IsEmpty()) return false;
+  *index = queue_.PopFront();
+  return true;
+}
+
+void AsyncHandler::IssueSlot(std::uint32_t index) {
+  Slot& slot = slots_[index];
+  slot.issued = true;
+  ++slot.generation;
+  std::size_t runCount = 0;
+  const MemoryRun* const runs = slot.manager.GetRuns(&runCount);
+  const AsyncPort::Started started =
+      port_->Issue({index, slot.generation, slot.direction == kWrite, slot.file,
+                    slot.startOffset + slot.issuedFrom, runs, runCount});
+  if (started == AsyncPort::Started::kInFlight) return;
+  // The host's answer is a completion like any other: reported from the loop, exactly once.
+  KeepForLater({index, slot.generation,
+                started == AsyncPort::Started::kEndOfFile ? AsyncPort::Outcome::kEndOfFile
+                                                          : AsyncPort::Outcome::kFailed,
+                0});
+}
+
+bool AsyncHandler::NextCompletion(AsyncPort::Completion* completion) {
+  // Nothing is left in the queue, so no deadline can pass meanwhile: Submit wakes the port.
+  if (ready_.IsEmpty()) return port_->Wait(AsyncPort::kWaitForEver, completion);
+  // In turns: a file whose transfers fail at once, again and again, must not keep the others waiting.
+  portsTurn_ = !portsTurn_;
+  if (portsTurn_ && port_->Wait(0, completion)) return true;
+  *completion = readyCompletions_[ready_.PopFront()];
+  return true;
+}
+
+void AsyncHandler::KeepForLater(const AsyncPort::Completion& completion) {
+  readyCompletions_[completion.slot] = completion;
+  ready_.PushBack(completion.slot);
+}
+
+bool AsyncHandler::IsCurrent(const AsyncPort::Completion& completion) const {
+  if (completion.slot >= kRequestSlots) return false;
+  const Slot& slot = slots_[completion.slot];
+  return slot.issued && !slot.collected && slot.generation == completion.generation;
+}
+
+void AsyncHandler::OnCompletion(const AsyncPort::Completion& completion) {
+  if (!IsCurrent(completion)) return;
+  const std::uint32_t index = completion.slot;
+  Slot& slot = slots_[index];
+  FileSource::Result_t result = FileSource::kResultError;
+  if (completion.outcome == AsyncPort::Outcome::kEndOfFile) {
+    result = EndOfDataResult(slot);
+  } else if (completion.outcome == AsyncPort::Outcome::kMoved) {
+    if (!AddProgress(slot, completion.bytes)) {
+      // No byte further than before: the end of the data; a write has no such thing.
+      if (slot.direction == kRead) result = EndOfDataResult(slot);
+    } else if (slot.bytesTransferred == slot.totalBytes) {
+      result = FileSource::kResultOK;
+    } else if (slot.direction == kRead &&
+               port_->IsAtEnd(slot.file, slot.startOffset + slot.bytesTransferred)) {
+      result = FileSource::kResultPartial;
+    } else {
+      // Short of the end. Unbuffered transfers start on page boundaries, so the rest begins with
+      // the page that was cut.
+      const std::uint64_t pageSize = PhysMemInterface::GetPageSize();
+      slot.issuedFrom = slot.bytesTransferred - slot.bytesTransferred % pageSize;
+      slot.manager.SetProgress(slot.issuedFrom);
+      IssueSlot(index);
+      return;
+    }
+  }
+  RetireAndReport(index, result, slot.bytesTransferred);
+}
+
+// False if nothing is gained over what was transferred before.
+bool AsyncHandler::AddProgress(Slot& slot, std::uint64_t bytes) {
+  const std::uint64_t reached = std::min(slot.issuedFrom + bytes, slot.totalBytes);
+  if (reached <= slot.bytesTransferred) return false;
+  slot.bytesTransferred = reached;
+  return true;
+}
+
+FileSource::Result_t AsyncHandler::EndOfDataResult(const Slot& slot) {
+  return slot.bytesTransferred > 0 ? FileSource::kResultPartial : FileSource::kResultOutOfRange;
+}
+
+// Re-entrant: a callback that is run here may cancel again. What an outer cancel has marked but not
+// reported yet is reported by an inner one for the same file, so that nothing of the file is
+// outstanding when the inner one returns.
+void AsyncHandler::CancelOnWorker(HostFile* file, FileSource::Result_t result) {
+  CollectIssued(MarkForCancel(file));
+  ReportMarked(file, result);
+}
+
+AsyncHandler::SlotSet AsyncHandler::MarkForCancel(const HostFile* file) {
+  CritSecLock lock(slotLock_.get());
+  SlotSet victims = 0;
+  for (SlotSet rest = activeSlots_; rest != 0; rest &= rest - 1) {
+    const auto index = static_cast<std::uint32_t>(std::countr_zero(rest));
+    Slot& slot = slots_[index];
+    if (file && slot.file != file) continue;
+    victims |= SlotSet{1} << index;
+    slot.cancelling = true;
+    if (!slot.issued) {
+      queue_.Remove(index);
+      slot.collected = true;
+    }
+  }
+  return victims;
+}
+
+// Returns when the host has let go of every buffer of the victims.
+void AsyncHandler::CollectIssued(SlotSet victims) {
+  std::size_t outstanding = 0;
+  for (SlotSet rest = victims; rest != 0; rest &= rest - 1) {
+    const auto index = static_cast<std::uint32_t>(std::countr_zero(rest));
+    Slot& slot = slots_[index];
+    if (slot.collected) continue;
+    if (ready_.Remove(index)) {
+      slot.collected = true;
+      continue;
+    }
+    port_->Cancel(index, slot.generation);
+    ++outstanding;
+  }
+  while (outstanding > 0) {
+    AsyncPort::Completion completion;
+    if (!port_->Wait(AsyncPort::kWaitForEver, &completion) || !IsCurrent(completion)) continue;
+    if ((victims >> completion.slot) & 1) {
+      slots_[completion.slot].collected = true;
+      --outstanding;
+    } else {
+      KeepForLater(completion);
+    }
+  }
+}
+
+void AsyncHandler::ReportMarked(const HostFile* file, FileSource::Result_t result) {
+  for (std::uint32_t index = 0; index < kRequestSlots; ++index) {
+    const Slot& slot = slots_[index];
+    if (slot.cancelling && (!file || slot.file == file)) RetireAndReport(index, result, 0);
+  }
+}
+
+// The slot is free and its buffers are unlocked before the callback runs; the callback runs with no
+// lock held; a synchronous caller is woken only when the last reference has been given back.
+void AsyncHandler::RetireAndReport(std::uint32_t index, FileSource::Result_t result,
+                                   std::uint64_t bytes) {
+  constexpr const char* kFunction = "Orvane::AsyncHandler::RetireAndReport";
+  Slot& slot = slots_[index];
+  FileSource::ResultCallbackBufferList* const callback = slot.callback;
+  BufferList* const list = slot.list;
+  HostFile* const file = slot.file;
+  const std::uint64_t offset = slot.startOffset;
+
+  list->AddRef(kFile, kFunction, __LINE__);
+  // Outside the lock, because unlocking a buffer is the caller's code; the slot is still ours.
+  slot.manager.StopUsingBufferList();
+  slot.callback = nullptr;
+  slot.list = nullptr;
+  slot.file = nullptr;
+  slot.issued = slot.collected = slot.cancelling = false;
+  {
+    CritSecLock lock(slotLock_.get());
+    activeSlots_ &= ~(SlotSet{1} << index);
+    freeSlots_ |= SlotSet{1} << index;
+  }
+
+  ReportScope scope;
+  if (callback) {
+    try {
+      callback->Callback(result, offset, list, bytes);
+    } catch (...) {
+      MTInterface::DebugString("Unhandled Exception In File Callback\n");
+    }
+  }
+  list->DecRef(kFile, kFunction, __LINE__);
+  file->DecRef(kFile, kFunction, __LINE__);
+  if (callback) callback->DecRef(kFile, kFunction, __LINE__);
+}
+
+}  // namespace Orvane

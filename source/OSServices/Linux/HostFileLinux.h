@@ -1,0 +1,28 @@
+#pragma once
+
+#include "OSServices/HostFile.h"
+
+namespace Orvane {
+
+// A file descriptor, or -1 for a file that could not be opened.
+class HostFileLinux : public HostFile {
+ public:
+  // Opens for unbuffered I/O, buffered where the file system refuses that; write-through when for
+  // writing; close-on-exec; a new file has mode 0666 less the umask. What has no offsets (pipes,
+  // terminals) is not opened. Never blocks on a peer.
+  HostFileLinux(const char* name, bool forRead, bool forWrite, bool create);
+
+  int GetDescriptor() const { return descriptor_; }
+  bool IsUnbuffered() const { return unbuffered_; }
+  // True if `position` is at or behind the size of a regular file that reports one.
+  bool IsAtEnd(std::uint64_t position) const;
+
+ protected:
+  ~HostFileLinux() override;
+
+ private:
+  int descriptor_ = -1;
+  bool unbuffered_ = false;
+};
+
+}  // namespace Orvane

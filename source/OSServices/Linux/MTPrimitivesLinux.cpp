@@ -1,0 +1,156 @@
+#include "OSServices/Linux/MTPrimitivesLinux.h"
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cerrno>
+
+namespace Orvane {
+namespace {
+
+constexpr std::uint64_t kOneWaiter = std::uint64_t{1} << 32;
+constexpr std::uint32_t kWithoutLimit = 0xFFFFFFFF;
+
+std::uint32_t CountOf(std::uint64_t state) { return static_cast<std::uint32_t>(state); }
+std::uint32_t WaitersOf(std::uint64_t state) { return static_cast<std::uint32_t>(state >> 32); }
+
+std::uint32_t* CountWord(std::atomic<std::uint64_t>* state) {
+  static_assert(sizeof(std::atomic<std::uint64_t>) == sizeof(std::uint64_t));
+  static_assert(std::endian::native == std::endian::little, "the count is the low half");
+  return reinterpret_cast<std::uint32_t*>(state);
+}
+
+timespec DeadlineIn(std::uint32_t timeoutMs) {
+  timespec deadline{};
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += timeoutMs / 1000;
+  deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_nsec -= 1000000000L;
+    ++deadline.tv_sec;
+  }
+  return deadline;
+}
+
+}  // namespace
+
+MTCritSecLinux::MTCritSecLinux() {
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+  pthread_mutex_init(&mutex_, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+}
+
+MTCritSecLinux::~MTCritSecLinux() { pthread_mutex_destroy(&mutex_); }
+
+void MTCritSecLinux::Enter() { pthread_mutex_lock(&mutex_); }
+
+void MTCritSecLinux::Leave() { pthread_mutex_unlock(&mutex_); }
+
+MTSemaphoreLinux::MTSemaphoreLinux(std::uint32_t maxCount, std::uint32_t initialCount)
+    : MTSemaphore(maxCount, initialCount),
+      maxCount_(maxCount),
+      valid_(maxCount > 0 && initialCount <= maxCount),
+      state_(initialCount) {}
+
+MTSemaphoreLinux::~MTSemaphoreLinux() = default;
+
+bool MTSemaphoreLinux::Release(std::uint32_t count) {
+  if (!valid_ || count == 0) return false;
+  std::uint64_t state = state_.load(std::memory_order_relaxed);
+  do {
+    if (count > maxCount_ - CountOf(state)) return false;
+  } while (!state_.compare_exchange_weak(state, state + count));
+  // From here on only the address is used: a waiter may have deleted the semaphore. A wake on a
+  // reused address is a spurious one there, which every futex user has to expect.
+  if (WaitersOf(state) > 0)
+    syscall(SYS_futex, CountWord(&state_), FUTEX_WAKE_PRIVATE, count, nullptr, nullptr, 0);
+  return true;
+}
+
+bool MTSemaphoreLinux::Wait(std::uint32_t timeoutMs, std::uint32_t count) {
+  if (count == 0) return true;
+  if (!valid_) return false;
+  const std::uint32_t timeoutPerUnitMs =
+      timeoutMs == kWithoutLimit ? kWithoutLimit : timeoutMs / count;
+  for (std::uint32_t taken = 0; taken < count; ++taken) {
+    if (!WaitForOne(timeoutPerUnitMs)) return false;
+  }
+  return true;
+}
+
+bool MTSemaphoreLinux::TryTake() {
+  std::uint64_t state = state_.load(std::memory_order_relaxed);
+  while (CountOf(state) > 0) {
+    if (state_.compare_exchange_weak(state, state - 1)) return true;
+  }
+  return false;
+}
+
+bool MTSemaphoreLinux::WaitForOne(std::uint32_t timeoutMs) {
+  if (TryTake()) return true;
+  if (timeoutMs == 0) return false;
+  const timespec deadline = DeadlineIn(timeoutMs == kWithoutLimit ? 0 : timeoutMs);
+  const timespec* limit = timeoutMs == kWithoutLimit ? nullptr : &deadline;
+  state_.fetch_add(kOneWaiter);
+  for (;;) {
+    std::uint64_t state = state_.load(std::memory_order_relaxed);
+    while (CountOf(state) > 0) {
+      // Takes the unit and leaves the waiters in one step.
+      if (state_.compare_exchange_weak(state, state - 1 - kOneWaiter)) return true;
+    }
+    const long woken = syscall(SYS_futex, CountWord(&state_), FUTEX_WAIT_BITSET_PRIVATE, 0, limit,
+                               nullptr, FUTEX_BITSET_MATCH_ANY);
+    if (woken == -1 && errno == ETIMEDOUT) {
+      state = state_.load(std::memory_order_relaxed);
+      // A unit that came in the last instant is still taken.
+      while (CountOf(state) > 0) {
+        if (state_.compare_exchange_weak(state, state - 1 - kOneWaiter)) return true;
+      }
+      state_.fetch_sub(kOneWaiter);
+      return false;
+    }
+  }
+}
+
+MTAtomicUnsigned32Linux::MTAtomicUnsigned32Linux(std::uint32_t initial)
+    : MTAtomicUnsigned32(initial), value_(initial) {}
+
+MTAtomicUnsigned32Linux::~MTAtomicUnsigned32Linux() = default;
+
+std::uint32_t MTAtomicUnsigned32Linux::Get() { return value_.load(); }
+
+std::uint32_t MTAtomicUnsigned32Linux::Increment() { return value_.fetch_add(1) + 1; }
+
+std::uint32_t MTAtomicUnsigned32Linux::Decrement() { return value_.fetch_sub(1) - 1; }
+
+bool MTAtomicUnsigned32Linux::CompareAndSwap(std::uint32_t expected, std::uint32_t desired) {
+  return value_.compare_exchange_strong(expected, desired);
+}
+
+MTAtomicUnsigned64Linux::MTAtomicUnsigned64Linux(std::uint64_t initial)
+    : MTAtomicUnsigned64(initial), value_(initial) {}
+
+MTAtomicUnsigned64Linux::~MTAtomicUnsigned64Linux() = default;
+
+std::uint64_t MTAtomicUnsigned64Linux::Get() { return value_.load(); }
+
+std::uint64_t MTAtomicUnsigned64Linux::Increment() {
+  return static_cast<std::uint32_t>(value_.fetch_add(1) + 1);
+}
+
+std::uint64_t MTAtomicUnsigned64Linux::Decrement() {
+  return static_cast<std::uint32_t>(value_.fetch_sub(1) - 1);
+}
+
+bool MTAtomicUnsigned64Linux::CompareAndSwap(std::uint64_t expected, std::uint64_t desired) {
+  std::uint64_t previous = expected;
+  value_.compare_exchange_strong(previous, desired);
+  return static_cast<std::uint32_t>(previous) == expected;
+}
+
+}  // namespace Orvane

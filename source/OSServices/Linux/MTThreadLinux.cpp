@@ -1,0 +1,108 @@
+#include "OSServices/Linux/MTThreadLinux.h"
+
+#include <sched.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace Orvane {
+
+MTThreadLinux::MTThreadLinux(MTThreadBody* body, MTPriority priority, std::uint64_t processorMask)
+    : MTThread(body, priority, processorMask),
+      priority_(priority),
+      processorMask_(processorMask),
+      announced_(1, 0),
+      joinable_(0) {}
+
+MTThreadLinux::~MTThreadLinux() {
+  if (StopForDestruction()) {
+    JoinOnce();
+  } else if (joinable_.CompareAndSwap(1, 0)) {
+    // KEPT: a body that ignored the request for 10 seconds goes on without its thread object.
+    pthread_detach(handle_);
+  }
+}
+
+bool MTThreadLinux::Start() {
+  if (pthread_create(&handle_, nullptr, &MTThreadLinux::StartRoutine, this) != 0) {
+    ForgetBody();
+    return false;
+  }
+  joinable_.CompareAndSwap(0, 1);
+  announced_.Wait(0xFFFFFFFF, 1);
+  // KEPT: set on the running thread; its first instructions may run without them.
+  ApplyAffinity();
+  ApplyPriority();
+  return true;
+}
+
+bool MTThreadLinux::Terminate(std::uint32_t timeoutMs) {
+  if (!MTThread::Terminate(timeoutMs)) return false;
+  JoinOnce();
+  return true;
+}
+
+void* MTThreadLinux::StartRoutine(void* argument) {
+  auto* thread = static_cast<MTThreadLinux*>(argument);
+  thread->hostThreadID_ = gettid();
+  thread->announced_.Release(1);
+  thread->Run();
+  return nullptr;
+}
+
+void MTThreadLinux::ApplyAffinity() {
+  if (processorMask_ == kProcessorAny) return;
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  for (unsigned cpu = 0; cpu < 64; ++cpu) {
+    if ((processorMask_ >> cpu) & 1) CPU_SET(cpu, &set);
+  }
+  sched_setaffinity(hostThreadID_, sizeof set, &set);  // best effort
+}
+
+void MTThreadLinux::ApplyPriority() {
+  // A new thread inherits the value of its creator, so the value of the process is the base.
+  const int base = getpriority(PRIO_PROCESS, static_cast<id_t>(getpid()));
+  const auto id = static_cast<id_t>(hostThreadID_);
+  const int wanted = NiceForPriority(priority_, base);
+  if (setpriority(PRIO_PROCESS, id, wanted) != 0 && wanted < base) {
+    setpriority(PRIO_PROCESS, id, base);
+  }
+}
+
+void MTThreadLinux::JoinOnce() {
+  // A thread that reaps itself cannot wait for its own end.
+  if (!joinable_.CompareAndSwap(1, 0)) return;
+  if (pthread_equal(handle_, pthread_self())) {
+    pthread_detach(handle_);
+  } else {
+    pthread_join(handle_, nullptr);
+  }
+}
+
+int NiceForPriority(MTThread::MTPriority priority, int base) {
+  int delta = 0;
+  switch (priority) {
+    case MTThread::kPriorityLowest:
+      delta = 10;
+      break;
+    case MTThread::kPriorityBelowNormal:
+      delta = 5;
+      break;
+    case MTThread::kPriorityAboveNormal:
+      delta = -5;
+      break;
+    case MTThread::kPriorityHighest:
+      delta = -10;
+      break;
+    case MTThread::kPriorityTimeCritical:
+      delta = -15;
+      break;
+    default:
+      break;
+  }
+  return std::clamp(base + delta, -20, 19);
+}
+
+}  // namespace Orvane

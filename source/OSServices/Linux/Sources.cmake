@@ -1,0 +1,14 @@
+list(APPEND ORVANE_SOURCES
+  OSServices/Linux/AsyncPortThreadsLinux.cpp
+  OSServices/Linux/AsyncPortUringLinux.cpp
+  OSServices/Linux/HostFactoriesLinux.cpp
+  OSServices/Linux/HostFileLinux.cpp
+  OSServices/Linux/HostResultLinux.cpp
+  OSServices/Linux/MTInterfaceImpLinux.cpp
+  OSServices/Linux/MTPrimitivesLinux.cpp
+  OSServices/Linux/MTThreadLinux.cpp
+  OSServices/Linux/NativeFileSourceLinux.cpp
+  OSServices/Linux/NativeFileSysInterfaceImpLinux.cpp
+  OSServices/Linux/PhysMemInterfaceImpLinux.cpp)
+find_package(Threads REQUIRED)
+set(ORVANE_HOST_LIBRARIES PkgConfig::liburing Threads::Threads)

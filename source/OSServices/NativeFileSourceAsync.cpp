@@ -1,0 +1,125 @@
+#include "OSServices/NativeFileSourceAsync.h"
+
+#include "MTInterface.h"
+#include "OSServices/CritSecLock.h"
+
+namespace Orvane {
+namespace {
+
+constexpr const char* kFile = "source/OSServices/NativeFileSourceAsync";
+
+// How long a request may wait to be issued. KEPT: its due time plays no part.
+constexpr std::uint32_t kQueueTimeoutMs = 10000;
+
+}  // namespace
+
+NativeFileSourceAsync::NativeFileSourceAsync(const char* name, AsyncHandler* handler)
+    : NativeFileSource(name), handler_(handler), stateLock_(MTInterface::NewCritSec()) {}
+
+NativeFileSourceAsync::~NativeFileSourceAsync() { NativeFileSourceAsync::Close(); }
+
+bool NativeFileSourceAsync::Open(bool forRead, bool forWrite, bool create) {
+  constexpr const char* kFunction = "Orvane::NativeFileSourceAsync::Open";
+  const char* const name = GetName();
+  if (!name) return false;
+  if (HostFile* const open = AcquireFile()) {
+    open->DecRef(kFile, kFunction, __LINE__);
+    return false;
+  }
+  // Outside the lock: opening may take its time, and callbacks look at this source meanwhile.
+  HostFile* const file = OpenHostFile(name, forRead, forWrite, create);
+  if (!file) return false;
+  {
+    CritSecLock lock(stateLock_.get());
+    if (!file_) {
+      file_ = file;
+      openedForRead_ = forRead;
+      openedForWrite_ = forWrite;
+      return true;
+    }
+  }
+  file->DecRef(kFile, kFunction, __LINE__);  // another Open was faster
+  return false;
+}
+
+bool NativeFileSourceAsync::Close() {
+  HostFile* const file = AcquireFile();
+  if (!file) return false;
+  handler_->BeginClose(file);
+  handler_->Cancel(file);
+  bool closed = false;
+  {
+    CritSecLock lock(stateLock_.get());
+    // Another Close may have been faster, and an Open after it.
+    if (file_ == file) {
+      file_ = nullptr;
+      closed = true;
+    }
+  }
+  if (closed) file->DecRef(kFile, "Orvane::NativeFileSourceAsync::Close", __LINE__);
+  file->DecRef(kFile, "Orvane::NativeFileSourceAsync::Close", __LINE__);
+  return closed;
+}
+
+bool NativeFileSourceAsync::IsOpenForRead() {
+  CritSecLock lock(stateLock_.get());
+  return openedForRead_;
+}
+
+bool NativeFileSourceAsync::IsOpenForWrite() {
+  CritSecLock lock(stateLock_.get());
+  return openedForWrite_;
+}
+
+bool NativeFileSourceAsync::Delete() {
+  const char* const name = GetName();
+  if (!name) return false;
+  Close();
+  return DeleteHostFile(name);
+}
+
+bool NativeFileSourceAsync::CanGatherReads() { return true; }
+
+FileSource::Result_t NativeFileSourceAsync::ReadAsyncWithListNonCached(
+    std::uint64_t offset, BufferList* list, ResultCallbackBufferList* callback, std::uint32_t) {
+  return Submit(AsyncHandler::kRead, offset, list, callback);
+}
+
+FileSource::Result_t NativeFileSourceAsync::WriteAsyncWithListNonCached(
+    std::uint64_t offset, BufferList* list, ResultCallbackBufferList* callback, std::uint32_t) {
+  return Submit(AsyncHandler::kWrite, offset, list, callback);
+}
+
+void NativeFileSourceAsync::CancelNonCached() {
+  HostFile* const file = AcquireFile();
+  if (!file) return;
+  handler_->Cancel(file);
+  file->DecRef(kFile, "Orvane::NativeFileSourceAsync::CancelNonCached", __LINE__);
+}
+
+FileSource::Result_t NativeFileSourceAsync::Submit(AsyncHandler::Direction direction,
+                                                   std::uint64_t offset, BufferList* list,
+                                                   ResultCallbackBufferList* callback) {
+  // Asked first: in the child of a fork nothing is to be locked.
+  if (!handler_->IsRunning()) return kResultNotSupported;
+  HostFile* file = nullptr;
+  {
+    CritSecLock lock(stateLock_.get());
+    const bool opened = direction == AsyncHandler::kRead ? openedForRead_ : openedForWrite_;
+    if (!file_ || !opened) return kResultNotSupported;
+    file = file_;
+    file->AddRef(kFile, "Orvane::NativeFileSourceAsync::Submit", __LINE__);
+  }
+  const Result_t result =
+      handler_->Submit(direction, file, list, offset, kQueueTimeoutMs, callback);
+  file->DecRef(kFile, "Orvane::NativeFileSourceAsync::Submit", __LINE__);
+  return result;
+}
+
+HostFile* NativeFileSourceAsync::AcquireFile() {
+  CritSecLock lock(stateLock_.get());
+  if (file_) file_->AddRef(kFile, "Orvane::NativeFileSourceAsync::AcquireFile", __LINE__);
+  return file_;
+}
+
+}  // namespace Orvane
