@@ -1,5 +1,7 @@
 #include "SharedObject.h"
 
+#include <memory>
+
 #include "MTInterface.h"
 
 namespace Orvane {
@@ -12,10 +14,11 @@ long ToCount(std::uint32_t count) { return static_cast<long>(static_cast<std::in
 
 }  // namespace
 
-SharedObject::SharedObject()
-    : referenceCounter_(MTInterface::NewAtomicUnsigned32(1)),
-      modifyLock_(MTInterface::NewCritSec()),
-      trackingValue_(0xFFFFFFFF) {}
+SharedObject::SharedObject() : trackingValue_(0xFFFFFFFF) {
+  std::unique_ptr<MTAtomicUnsigned32> counter(MTInterface::NewAtomicUnsigned32(1));
+  modifyLock_ = MTInterface::NewCritSec();
+  referenceCounter_ = counter.release();
+}
 
 SharedObject::~SharedObject() {
   delete modifyLock_;

@@ -27,8 +27,12 @@ CacheSource::Result_t RunSynchronously(FileSource* source, ListOperation operati
   // This thread would wait for itself.
   if (LibraryThreadMark::IsSetOnThisThread()) return CacheSource::kResultError;
   auto* wrapper = new ResultCallbackWrapper(buffer);
-  const CacheSource::Result_t result = (source->*operation)(
-      offset, buffer ? wrapper->GetList() : list, wrapper, CacheSource::kDueASAP);
+  CacheSource::Result_t result = CacheSource::kResultError;
+  // Without it nothing is started: there would be no way to wait for the end.
+  if (wrapper->HasSemaphore()) {
+    result = (source->*operation)(offset, buffer ? wrapper->GetList() : list, wrapper,
+                                  CacheSource::kDueASAP);
+  }
   if (result == CacheSource::kResultPending) return wrapper->Wait(bytes);
   wrapper->DecRef(kFile, site.function, site.line);
   return result;

@@ -20,6 +20,8 @@ class ResultCallbackWrapper : public FileSource::ResultCallbackBufferList, priva
   // Asynchronous; `callback` may be null.
   ResultCallbackWrapper(FileSource::ResultCallbackBuffer* callback, Buffer* buffer);
 
+  // False for an asynchronous wrapper, and for a synchronous one that the host gave no semaphore.
+  bool HasSemaphore() const { return semaphore_ != nullptr; }
   // The list of the one buffer, or null. The reference is the wrapper's.
   BufferList* GetList() const { return list_; }
   // On the I/O thread.

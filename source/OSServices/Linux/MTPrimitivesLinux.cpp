@@ -5,8 +5,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <limits>
 
 namespace Orvane {
 namespace {
@@ -67,8 +69,10 @@ bool MTSemaphoreLinux::Release(std::uint32_t count) {
   } while (!state_.compare_exchange_weak(state, state + count));
   // From here on only the address is used: a waiter may have deleted the semaphore. A wake on a
   // reused address is a spurious one there, which every futex user has to expect.
-  if (WaitersOf(state) > 0)
-    syscall(SYS_futex, CountWord(&state_), FUTEX_WAKE_PRIVATE, count, nullptr, nullptr, 0);
+  if (WaitersOf(state) > 0) {
+    const std::uint32_t wakes = std::min<std::uint32_t>(count, std::numeric_limits<int>::max());
+    syscall(SYS_futex, CountWord(&state_), FUTEX_WAKE_PRIVATE, wakes, nullptr, nullptr, 0);
+  }
   return true;
 }
 
