@@ -54,6 +54,7 @@ class ORVANE_EXPORT CacheSource : public SharedObject {
   // Clips the request [offset, offset + size) to [rangeOffset, rangeOffset + rangeSize), in bytes.
   // False, with the request untouched, if they do not meet; a range that is merely touched does not
   // meet. A request of size 0 that starts inside meets with size 0.
+  // KEPT: one of size 0 at the very end of the range becomes the whole range.
   static bool GetRangeIntersection(std::uint64_t& offset, std::uint64_t& size,
                                    std::uint64_t rangeOffset, std::uint64_t rangeSize);
 

@@ -98,8 +98,10 @@ FileSource::Result_t AsyncHandler::Submit(Direction direction, HostFile* file, B
 }
 
 void AsyncHandler::Cancel(HostFile* file) {
+  // After a fork the requests are the parent's, also in the copy of a thread that was the worker.
+  if (state_->Get() == kAbandoned) return;
   if (IsOnWorker()) {
-    CancelOnWorker(file, FileSource::kResultFailed);
+    CancelOnWorker(file);
     return;
   }
   // Without a worker no slot is active: nothing was accepted, or all of it has been reported.
@@ -155,6 +157,7 @@ bool AsyncHandler::QueueSlot(std::uint32_t index, const Request& request) {
   slot.totalBytes = request.totalBytes;
   slot.bytesTransferred = 0;
   slot.issuedFrom = 0;
+  slot.cutsAnywhere = false;
   slot.direction = request.direction;
   activeSlots_ |= SlotSet{1} << index;
   queue_.PushBack(index);

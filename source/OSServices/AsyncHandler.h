@@ -40,9 +40,9 @@ namespace Orvane {
 // callback is logged.
 //
 // Cancelling. The worker asks the host to give up each transfer and collects its completion before
-// it reports: whoever sees the report may free or reuse the memory. From another thread Cancel
-// waits for that; inside a callback it does the same work in place, so every operation here may be
-// called from a callback.
+// it reports: whoever sees the report may free or reuse the memory. From another thread Cancel waits
+// until that is done for all, while the worker goes on serving other requests; inside a callback the
+// worker waits in place. So every operation here may be called from a callback.
 //
 // Locks: cancelLock_ (one cancel at a time) before slotLock_ (leaf: nothing is called under it but
 // atomic counters).
@@ -83,8 +83,9 @@ class AsyncHandler {
   // The submitter's until it is queued, the worker's from then on.
   struct Slot {
     bool issued = false;
-    bool collected = false;
-    bool cancelling = false;  // marked by a cancel that has yet to report it
+    bool cancelling = false;  // will be reported with cancelResult, whatever its completion says
+    bool collected = false;   // cancelling, and the host has let go of the buffers
+    FileSource::Result_t cancelResult = FileSource::kResultFailed;
     std::uint32_t generation = 0;
     std::uint32_t deadlineMs = 0;
     FileSource::ResultCallbackBufferList* callback = nullptr;  // one reference, or null
@@ -94,6 +95,7 @@ class AsyncHandler {
     std::uint64_t totalBytes = 0;
     std::uint64_t bytesTransferred = 0;  // leading bytes of the list that are done
     std::uint64_t issuedFrom = 0;        // where in the list the current transfer began
+    bool cutsAnywhere = false;           // transfers need not start on a page boundary after all
     Direction direction = kRead;
     ScatterGatherManager manager;
   };
@@ -146,7 +148,8 @@ class AsyncHandler {
   void WorkerMain();
   bool AttachPort();
   void WorkerLoop();
-  void ServeCancel();
+  void BeginServingCancel();
+  void EndServingCancel();
   void Shutdown();
   void IssuePass(bool expireAll);
   bool PopQueued(std::uint32_t* index);
@@ -155,11 +158,14 @@ class AsyncHandler {
   void KeepForLater(const AsyncPort::Completion& completion);
   bool IsCurrent(const AsyncPort::Completion& completion) const;
   void OnCompletion(const AsyncPort::Completion& completion);
+  void ContinueTransfer(std::uint32_t index);
+  void IssueRest(std::uint32_t index, std::uint64_t from);
   bool AddProgress(Slot& slot, std::uint64_t bytes);
-  void CancelOnWorker(HostFile* file, FileSource::Result_t result);
-  SlotSet MarkForCancel(const HostFile* file);
-  void CollectIssued(SlotSet victims);
-  void ReportMarked(const HostFile* file, FileSource::Result_t result);
+  void CancelOnWorker(HostFile* file);
+  SlotSet StartCancel(const HostFile* file, FileSource::Result_t result);
+  SlotSet MarkForCancel(const HostFile* file, FileSource::Result_t result);
+  void Collect(SlotSet victims);
+  void ReportCollected(const HostFile* file);
   void RetireAndReport(std::uint32_t index, FileSource::Result_t result, std::uint64_t bytes);
   static FileSource::Result_t EndOfDataResult(const Slot& slot);
 
@@ -186,6 +192,10 @@ class AsyncHandler {
   // or because a cancel met them while it waited for its own.
   SlotQueue ready_;
   bool portsTurn_ = false;
+
+  // The worker's: the cancel that another thread waits for, and what of it is still unreported.
+  bool servingCancel_ = false;
+  SlotSet awaited_ = 0;
   std::array<AsyncPort::Completion, kRequestSlots> readyCompletions_{};
 
   std::unique_ptr<Worker> body_;

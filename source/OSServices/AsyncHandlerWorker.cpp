@@ -1,5 +1,6 @@
 #include "OSServices/AsyncHandlerWorker.h"
 
+#include <algorithm>
 #include <bit>
 
 #include "BufferList.h"
@@ -54,20 +55,32 @@ void AsyncHandler::WorkerLoop() {
   for (;;) {
     // Control first: completions that never cease must not keep a cancel or the end waiting.
     if (control_->Get() & kStop) return;
-    if (TakeControl(kCancel)) ServeCancel();
+    if (TakeControl(kCancel)) BeginServingCancel();
+    EndServingCancel();
     IssuePass(/*expireAll=*/false);
+    // A callback in there may have waited for the port and used up the wake-up of a control signal.
+    if (control_->Get() != 0 || (servingCancel_ && awaited_ == 0)) continue;
     AsyncPort::Completion completion;
     if (NextCompletion(&completion)) OnCompletion(completion);
   }
 }
 
-void AsyncHandler::ServeCancel() {
+// The requests of other files go on meanwhile: a device that does not let go holds up nobody but
+// the thread that cancels.
+void AsyncHandler::BeginServingCancel() {
   HostFile* file = nullptr;
   {
     CritSecLock lock(slotLock_.get());
     file = fileToCancel_;
   }
-  CancelOnWorker(file, FileSource::kResultFailed);
+  servingCancel_ = true;
+  awaited_ = StartCancel(file, FileSource::kResultFailed);
+  ReportCollected(file);
+}
+
+void AsyncHandler::EndServingCancel() {
+  if (!servingCancel_ || awaited_ != 0) return;
+  servingCancel_ = false;
   cancelDone_->Release(1);
 }
 
@@ -77,9 +90,10 @@ void AsyncHandler::Shutdown() {
     AtomicExchange(state_.get(), kNotRunning);
   }
   IssuePass(/*expireAll=*/true);
-  CancelOnWorker(nullptr, FileSource::kResultFailed);
+  CancelOnWorker(nullptr);
   // Raised under the lock while the worker was running, so seen here at the latest.
-  if (TakeControl(kCancel)) cancelDone_->Release(1);
+  if (TakeControl(kCancel)) servingCancel_ = true;
+  EndServingCancel();
 }
 
 void AsyncHandler::IssuePass(bool expireAll) {
@@ -91,11 +105,12 @@ void AsyncHandler::IssuePass(bool expireAll) {
       IssueSlot(index);
       continue;
     }
-    // It waited too long: every request of its file fails with it. The file is held because the
-    // last of their references goes with the last report.
+    // It waited too long: every request of its file fails with it, those in flight as soon as the
+    // host has let go. The file is held because its last reference may go with a report.
     HostFile* const file = slot.file;
     SharedObjectAutoRef keepFile(file);
-    CancelOnWorker(file, FileSource::kResultError);
+    StartCancel(file, FileSource::kResultError);
+    ReportCollected(file);
   }
 }
 
@@ -148,12 +163,29 @@ void AsyncHandler::OnCompletion(const AsyncPort::Completion& completion) {
   if (!IsCurrent(completion)) return;
   const std::uint32_t index = completion.slot;
   Slot& slot = slots_[index];
+  if (slot.cancelling) {
+    RetireAndReport(index, slot.cancelResult, 0);
+    return;
+  }
   FileSource::Result_t result = FileSource::kResultError;
   if (completion.outcome == AsyncPort::Outcome::kEndOfFile) {
+    // Of a page that was read before, but is gone now, nothing counts.
+    slot.bytesTransferred = std::min(slot.bytesTransferred, slot.issuedFrom);
     result = EndOfDataResult(slot);
+  } else if (completion.outcome == AsyncPort::Outcome::kRefused) {
+    // Asked for exactly the rest behind a cut page, where the host moves whole blocks only: then the
+    // page came short because the data ends there, a file that shrank for instance.
+    const bool askedForTheRest = slot.issuedFrom % PhysMemInterface::GetPageSize() != 0;
+    if (askedForTheRest && slot.direction == kRead) result = EndOfDataResult(slot);
   } else if (completion.outcome == AsyncPort::Outcome::kMoved) {
     if (!AddProgress(slot, completion.bytes)) {
-      // No byte further than before: the end of the data; a write has no such thing.
+      // The page that was cut came just as short again: only the host knows whether more follows.
+      if (slot.issuedFrom < slot.bytesTransferred) {
+        slot.cutsAnywhere = true;
+        IssueRest(index, slot.bytesTransferred);
+        return;
+      }
+      // No byte at all: the end of the data; a write has no such thing.
       if (slot.direction == kRead) result = EndOfDataResult(slot);
     } else if (slot.bytesTransferred == slot.totalBytes) {
       result = FileSource::kResultOK;
@@ -161,39 +193,67 @@ void AsyncHandler::OnCompletion(const AsyncPort::Completion& completion) {
                port_->IsAtEnd(slot.file, slot.startOffset + slot.bytesTransferred)) {
       result = FileSource::kResultPartial;
     } else {
-      // Short of the end. Unbuffered transfers start on page boundaries, so the rest begins with
-      // the page that was cut.
-      const std::uint64_t pageSize = PhysMemInterface::GetPageSize();
-      slot.issuedFrom = slot.bytesTransferred - slot.bytesTransferred % pageSize;
-      slot.manager.SetProgress(slot.issuedFrom);
-      IssueSlot(index);
+      ContinueTransfer(index);
       return;
     }
   }
   RetireAndReport(index, result, slot.bytesTransferred);
 }
 
-// False if nothing is gained over what was transferred before.
+// It came short of the end. Unbuffered transfers start on page boundaries, so there the rest begins
+// with the page that was cut, unless the host has shown that it cuts pages and goes on inside them.
+void AsyncHandler::ContinueTransfer(std::uint32_t index) {
+  const Slot& slot = slots_[index];
+  const bool wholePages = slot.file->IsUnbuffered() && !slot.cutsAnywhere;
+  const std::uint64_t cut = slot.bytesTransferred % PhysMemInterface::GetPageSize();
+  IssueRest(index, slot.bytesTransferred - (wholePages ? cut : 0));
+}
+
+void AsyncHandler::IssueRest(std::uint32_t index, std::uint64_t from) {
+  slots_[index].issuedFrom = from;
+  slots_[index].manager.SetProgress(from);
+  IssueSlot(index);
+}
+
+// False if nothing is gained over what was transferred before. A file that shrank meanwhile gives
+// less of the cut page than before: what lies behind is no longer its content.
 bool AsyncHandler::AddProgress(Slot& slot, std::uint64_t bytes) {
-  const std::uint64_t reached = std::min(slot.issuedFrom + bytes, slot.totalBytes);
-  if (reached <= slot.bytesTransferred) return false;
-  slot.bytesTransferred = reached;
-  return true;
+  const std::uint64_t before = slot.bytesTransferred;
+  slot.bytesTransferred = std::min(slot.issuedFrom + bytes, slot.totalBytes);
+  return slot.bytesTransferred > before;
 }
 
 FileSource::Result_t AsyncHandler::EndOfDataResult(const Slot& slot) {
   return slot.bytesTransferred > 0 ? FileSource::kResultPartial : FileSource::kResultOutOfRange;
 }
 
-// Re-entrant: a callback that is run here may cancel again. What an outer cancel has marked but not
-// reported yet is reported by an inner one for the same file, so that nothing of the file is
-// outstanding when the inner one returns.
-void AsyncHandler::CancelOnWorker(HostFile* file, FileSource::Result_t result) {
-  CollectIssued(MarkForCancel(file));
-  ReportMarked(file, result);
+// From a callback, so in place. Re-entrant: a callback that is run here may cancel again. What an
+// outer cancel has marked but not reported yet is reported by an inner one for the same file, so that
+// nothing of the file is outstanding when the inner one returns.
+void AsyncHandler::CancelOnWorker(HostFile* file) {
+  Collect(StartCancel(file, FileSource::kResultFailed));
+  ReportCollected(file);
 }
 
-AsyncHandler::SlotSet AsyncHandler::MarkForCancel(const HostFile* file) {
+// Marks every active request of the file (of all files for null), takes back what was not issued,
+// asks the host to give up the rest. Answers all that were marked, now or before.
+AsyncHandler::SlotSet AsyncHandler::StartCancel(const HostFile* file, FileSource::Result_t result) {
+  const SlotSet victims = MarkForCancel(file, result);
+  for (SlotSet rest = victims; rest != 0; rest &= rest - 1) {
+    const auto index = static_cast<std::uint32_t>(std::countr_zero(rest));
+    Slot& slot = slots_[index];
+    if (slot.collected) continue;
+    if (ready_.Remove(index)) {
+      slot.collected = true;
+    } else {
+      port_->Cancel(index, slot.generation);
+    }
+  }
+  return victims;
+}
+
+AsyncHandler::SlotSet AsyncHandler::MarkForCancel(const HostFile* file,
+                                                  FileSource::Result_t result) {
   CritSecLock lock(slotLock_.get());
   SlotSet victims = 0;
   for (SlotSet rest = activeSlots_; rest != 0; rest &= rest - 1) {
@@ -201,7 +261,9 @@ AsyncHandler::SlotSet AsyncHandler::MarkForCancel(const HostFile* file) {
     Slot& slot = slots_[index];
     if (file && slot.file != file) continue;
     victims |= SlotSet{1} << index;
+    if (slot.cancelling) continue;
     slot.cancelling = true;
+    slot.cancelResult = result;
     if (!slot.issued) {
       queue_.Remove(index);
       slot.collected = true;
@@ -211,35 +273,31 @@ AsyncHandler::SlotSet AsyncHandler::MarkForCancel(const HostFile* file) {
 }
 
 // Returns when the host has let go of every buffer of the victims.
-void AsyncHandler::CollectIssued(SlotSet victims) {
-  std::size_t outstanding = 0;
+void AsyncHandler::Collect(SlotSet victims) {
+  SlotSet outstanding = 0;
   for (SlotSet rest = victims; rest != 0; rest &= rest - 1) {
     const auto index = static_cast<std::uint32_t>(std::countr_zero(rest));
-    Slot& slot = slots_[index];
-    if (slot.collected) continue;
-    if (ready_.Remove(index)) {
-      slot.collected = true;
-      continue;
-    }
-    port_->Cancel(index, slot.generation);
-    ++outstanding;
+    if (!slots_[index].collected) outstanding |= SlotSet{1} << index;
   }
-  while (outstanding > 0) {
+  while (outstanding != 0) {
     AsyncPort::Completion completion;
     if (!port_->Wait(AsyncPort::kWaitForEver, &completion) || !IsCurrent(completion)) continue;
-    if ((victims >> completion.slot) & 1) {
+    const SlotSet bit = SlotSet{1} << completion.slot;
+    if (outstanding & bit) {
       slots_[completion.slot].collected = true;
-      --outstanding;
+      outstanding &= ~bit;
     } else {
       KeepForLater(completion);
     }
   }
 }
 
-void AsyncHandler::ReportMarked(const HostFile* file, FileSource::Result_t result) {
+void AsyncHandler::ReportCollected(const HostFile* file) {
   for (std::uint32_t index = 0; index < kRequestSlots; ++index) {
     const Slot& slot = slots_[index];
-    if (slot.cancelling && (!file || slot.file == file)) RetireAndReport(index, result, 0);
+    if (slot.collected && (!file || slot.file == file)) {
+      RetireAndReport(index, slot.cancelResult, 0);
+    }
   }
 }
 
@@ -261,6 +319,7 @@ void AsyncHandler::RetireAndReport(std::uint32_t index, FileSource::Result_t res
   slot.list = nullptr;
   slot.file = nullptr;
   slot.issued = slot.collected = slot.cancelling = false;
+  awaited_ &= ~(SlotSet{1} << index);
   {
     CritSecLock lock(slotLock_.get());
     activeSlots_ &= ~(SlotSet{1} << index);

@@ -28,7 +28,8 @@ class AsyncPort {
   enum class Outcome {
     kMoved,      // `bytes` were moved, possibly fewer than asked; 0 only at the end of the data
     kEndOfFile,  // nothing was moved: at or behind the end of the file
-    kFailed,     // the host refused or failed
+    kFailed,     // the host failed
+    kRefused,    // the host takes no transfer at such an offset or of such a length
   };
 
   struct Completion {

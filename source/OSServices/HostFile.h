@@ -10,6 +10,10 @@ namespace Orvane {
 // too: every transfer on it fails. Requests are cancelled by this object, never by the handle, so
 // that two failed opens, or a handle number used again, cannot be mistaken for one another.
 class HostFile : public SharedObject {
+ public:
+  // True if transfers must start on page boundaries.
+  virtual bool IsUnbuffered() const { return true; }
+
  protected:
   HostFile() = default;
 

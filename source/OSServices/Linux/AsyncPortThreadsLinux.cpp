@@ -59,8 +59,10 @@ bool AsyncPortThreadsLinux::Attach() {
   try {
     threads_.reserve(kThreads);
     while (threads_.size() < kThreads) {
-      threads_.emplace_back(MTInterface::NewThread(body_.get(), MTThread::kPriorityAboveNormal,
-                                                   MTThread::kProcessorAny));
+      std::unique_ptr<MTThread> thread(MTInterface::NewThread(
+          body_.get(), MTThread::kPriorityAboveNormal, MTThread::kProcessorAny));
+      if (!thread) break;
+      threads_.push_back(std::move(thread));
     }
   } catch (const char*) {
     // Fewer threads are slower, no more.
@@ -80,8 +82,7 @@ void AsyncPortThreadsLinux::Detach() {
 }
 
 AsyncPort::Started AsyncPortThreadsLinux::Issue(const Transfer& transfer) {
-  const int descriptor = static_cast<HostFileLinux*>(transfer.file)->GetDescriptor();
-  const Started started = CheckTransfer(transfer, descriptor);
+  const Started started = CheckTransfer(transfer);
   if (started != Started::kInFlight) return started;
   {
     CritSecLock lock(lock_.get());

@@ -64,6 +64,9 @@ bool AsyncPortUringLinux::MakeRing() {
     ringMade_ = true;
     io_uring_ring_dontfork(&ring_);
     io_uring_register_ring_fd(&ring_);  // saves a look-up per call; best effort
+    // As many kernel workers as transfers, if they all block: none waits for another file's.
+    unsigned workers[2] = {AsyncHandler::kRequestSlots, AsyncHandler::kRequestSlots};
+    io_uring_register_iowq_max_workers(&ring_, workers);
     return true;
   }
   return false;
@@ -85,8 +88,7 @@ bool AsyncPortUringLinux::TryTransfer() {
 }
 
 AsyncPort::Started AsyncPortUringLinux::Issue(const Transfer& transfer) {
-  const int descriptor = static_cast<HostFileLinux*>(transfer.file)->GetDescriptor();
-  const Started started = CheckTransfer(transfer, descriptor);
+  const Started started = CheckTransfer(transfer);
   if (started != Started::kInFlight) return started;
   inFlight_[transfer.slot] = {transfer, /*interruptions=*/0, /*cancelled=*/false};
   QueueTransfer(transfer);
@@ -135,7 +137,8 @@ void AsyncPortUringLinux::QueueWakeRead() {
 }
 
 void AsyncPortUringLinux::QueueTransfer(const Transfer& transfer) {
-  const int descriptor = static_cast<HostFileLinux*>(transfer.file)->GetDescriptor();
+  const auto* const file = static_cast<HostFileLinux*>(transfer.file);
+  const int descriptor = file->GetDescriptor();
   const HostVector vector = ToHostVector(transfer);
   io_uring_sqe* const entry = GetEntry();
   if (vector.count == 1) {
@@ -152,6 +155,7 @@ void AsyncPortUringLinux::QueueTransfer(const Transfer& transfer) {
   } else {
     io_uring_prep_readv(entry, descriptor, vector.entries, vector.count, transfer.offset);
   }
+  if (file->StartMayBlock()) io_uring_sqe_set_flags(entry, IOSQE_ASYNC);
   io_uring_sqe_set_data64(entry, TagFor(transfer.slot, transfer.generation));
 }
 

@@ -1,7 +1,9 @@
 #include "OSServices/Linux/HostFileLinux.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +15,25 @@ int OpenRetrying(const char* name, int flags) {
   for (;;) {
     const int descriptor = open(name, flags, 0666);
     if (descriptor >= 0 || errno != EINTR) return descriptor;
+  }
+}
+
+// The file systems of local devices and of memory, and devices themselves.
+bool IsServedByKernel(int descriptor) {
+  struct stat status{};
+  struct statfs system{};
+  if (fstat(descriptor, &status) != 0 || fstatfs(descriptor, &system) != 0) return false;
+  if (!S_ISREG(status.st_mode)) return true;
+  switch (system.f_type) {
+    case EXT4_SUPER_MAGIC:
+    case XFS_SUPER_MAGIC:
+    case BTRFS_SUPER_MAGIC:
+    case F2FS_SUPER_MAGIC:
+    case TMPFS_MAGIC:
+    case RAMFS_MAGIC:
+      return true;
+    default:
+      return false;
   }
 }
 
@@ -37,6 +58,7 @@ HostFileLinux::HostFileLinux(const char* name, bool forRead, bool forWrite, bool
   // It only served to open a pipe without waiting for its other end.
   const int status = fcntl(descriptor_, F_GETFL);
   if (status >= 0) fcntl(descriptor_, F_SETFL, status & ~O_NONBLOCK);
+  startMayBlock_ = !IsServedByKernel(descriptor_);
 }
 
 HostFileLinux::~HostFileLinux() {

@@ -12,8 +12,11 @@ class HostFileLinux : public HostFile {
   // terminals) is not opened. Never blocks on a peer.
   HostFileLinux(const char* name, bool forRead, bool forWrite, bool create);
 
+  bool IsUnbuffered() const override { return unbuffered_; }
   int GetDescriptor() const { return descriptor_; }
-  bool IsUnbuffered() const { return unbuffered_; }
+  // True if starting a transfer may wait for whoever serves the file: a process (FUSE) or another
+  // machine. The thread that issues transfers for all files must not start it itself.
+  bool StartMayBlock() const { return startMayBlock_; }
   // True if `position` is at or behind the size of a regular file that reports one.
   bool IsAtEnd(std::uint64_t position) const;
 
@@ -23,6 +26,7 @@ class HostFileLinux : public HostFile {
  private:
   int descriptor_ = -1;
   bool unbuffered_ = false;
+  bool startMayBlock_ = false;
 };
 
 }  // namespace Orvane

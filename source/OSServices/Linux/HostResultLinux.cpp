@@ -7,22 +7,30 @@
 #include <cstddef>
 #include <limits>
 
+#include "OSServices/Linux/HostFileLinux.h"
+
 namespace Orvane {
 
 AsyncPort::Outcome OutcomeForHostResult(std::int64_t result, bool write) {
   if (result > 0) return AsyncPort::Outcome::kMoved;
+  if (result == -EINVAL) return AsyncPort::Outcome::kRefused;
   if (write) return AsyncPort::Outcome::kFailed;
-  // EOVERFLOW: the range passes the highest offset that a file can have.
-  const bool atEnd = result == 0 || result == -EOVERFLOW;
-  return atEnd ? AsyncPort::Outcome::kEndOfFile : AsyncPort::Outcome::kFailed;
+  return result == 0 ? AsyncPort::Outcome::kEndOfFile : AsyncPort::Outcome::kFailed;
 }
 
-AsyncPort::Started CheckTransfer(const AsyncPort::Transfer& transfer, int descriptor) {
-  if (descriptor < 0) return AsyncPort::Started::kFailed;
+AsyncPort::Started CheckTransfer(const AsyncPort::Transfer& transfer) {
+  const auto* const file = static_cast<const HostFileLinux*>(transfer.file);
+  if (file->GetDescriptor() < 0) return AsyncPort::Started::kFailed;
   constexpr auto kHighestOffset =
       static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-  if (transfer.offset <= kHighestOffset) return AsyncPort::Started::kInFlight;
-  return transfer.write ? AsyncPort::Started::kFailed : AsyncPort::Started::kEndOfFile;
+  if (transfer.offset <= kHighestOffset - kMaxBytesPerCall) return AsyncPort::Started::kInFlight;
+  if (transfer.offset > kHighestOffset) {
+    return transfer.write ? AsyncPort::Started::kFailed : AsyncPort::Started::kEndOfFile;
+  }
+  // The kernel refuses a range that merely passes the highest offset; a file that ends before the
+  // range has nothing there all the same.
+  const bool atEnd = !transfer.write && file->IsAtEnd(transfer.offset);
+  return atEnd ? AsyncPort::Started::kEndOfFile : AsyncPort::Started::kInFlight;
 }
 
 HostVector ToHostVector(const AsyncPort::Transfer& transfer) {

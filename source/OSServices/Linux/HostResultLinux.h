@@ -15,7 +15,7 @@ AsyncPort::Outcome OutcomeForHostResult(std::int64_t result, bool write);
 // The answer to a transfer that must not reach the kernel: on a file that could not be opened, or
 // at an offset that the kernel has no number for (it takes the highest as "the current position").
 // kInFlight means: go ahead.
-AsyncPort::Started CheckTransfer(const AsyncPort::Transfer& transfer, int descriptor);
+AsyncPort::Started CheckTransfer(const AsyncPort::Transfer& transfer);
 
 // The host's view of the runs of a transfer: as many as one call takes.
 struct HostVector {

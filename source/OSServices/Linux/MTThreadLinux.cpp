@@ -13,6 +13,7 @@ MTThreadLinux::MTThreadLinux(MTThreadBody* body, MTPriority priority, std::uint6
       priority_(priority),
       processorMask_(processorMask),
       announced_(1, 0),
+      adjusted_(1, 0),
       joinable_(0) {}
 
 MTThreadLinux::~MTThreadLinux() {
@@ -34,6 +35,7 @@ bool MTThreadLinux::Start() {
   // KEPT: set on the running thread; its first instructions may run without them.
   ApplyAffinity();
   ApplyPriority();
+  adjusted_.Release(1);
   return true;
 }
 
@@ -48,6 +50,7 @@ void* MTThreadLinux::StartRoutine(void* argument) {
   thread->hostThreadID_ = gettid();
   thread->announced_.Release(1);
   thread->Run();
+  thread->adjusted_.Wait(0xFFFFFFFF, 1);
   return nullptr;
 }
 

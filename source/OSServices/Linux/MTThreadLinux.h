@@ -12,9 +12,9 @@
 namespace Orvane {
 
 // Made by MTInterfaceImpLinux::NewThread, owned by its caller. The POSIX thread is joined by
-// the Terminate that reaps it or by the destructor, so that its id stays valid for as long as
-// affinity and priority may still be set, and so that the done semaphore is not deleted under the
-// new thread. Differences from the other host: there the run-time library closes the handle.
+// the Terminate that reaps it or by the destructor, so that the done semaphore is not deleted under
+// it. It does not end before affinity and priority have been set: its host id would be free for
+// somebody else's thread. Differences from the other host: there the run-time library closes the handle.
 class MTThreadLinux : public MTThread {
  public:
   MTThreadLinux(MTThreadBody* body, MTPriority priority, std::uint64_t processorMask);
@@ -36,6 +36,7 @@ class MTThreadLinux : public MTThread {
   pthread_t handle_{};
   pid_t hostThreadID_ = 0;          // written by the new thread before `announced_`
   MTSemaphoreLinux announced_;      // released once the new thread has an id
+  MTSemaphoreLinux adjusted_;       // released once affinity and priority are set
   MTAtomicUnsigned32Linux joinable_;  // 1 from the start to the join
 };
 

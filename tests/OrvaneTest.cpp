@@ -1,0 +1,88 @@
+#include "OrvaneTest.h"
+
+#include <unistd.h>
+
+#include <ctime>
+#include <ostream>
+
+#include "MTInterface.h"
+#include "TestPhysMemInterface.h"
+
+namespace Orvane {
+namespace {
+
+constexpr std::uint32_t kTeardownMs = 5000;
+constexpr std::uint32_t kPollMs = 5;
+
+constexpr int kAttempts = 3;
+constexpr std::clock_t kTooShortToCompare = CLOCKS_PER_SEC / 200;
+constexpr std::clock_t kMostTimesAsLong = 100;
+
+std::string testDirectory;
+
+std::vector<void (*)()>& FunctionsBeforeInit() {
+  static std::vector<void (*)()> functions;
+  return functions;
+}
+
+}  // namespace
+
+const std::string& OrvaneTest::Directory() {
+  return testDirectory;
+}
+
+void OrvaneTest::SetDirectory(const std::string& directory) {
+  testDirectory = directory;
+}
+
+std::string OrvaneTest::PathOf(const std::string& name) {
+  return testDirectory + "/" + std::to_string(getpid()) + "-" + name;
+}
+
+bool OrvaneTest::RunBeforeInit(void (*function)()) {
+  FunctionsBeforeInit().push_back(function);
+  return true;
+}
+
+void OrvaneTest::RunAllBeforeInit() {
+  for (void (*function)() : FunctionsBeforeInit()) function();
+}
+
+OrvaneTest::OrvaneTest() : before_(TestMTInterface::Get().GetLiveCounts()) {}
+
+void OrvaneTest::TearDown() {
+  TestMTInterface& mt = TestMTInterface::Get();
+  mt.StopFailing();
+  TestPhysMemInterface::Get().SetAllocator(nullptr);
+  for (std::uint32_t waited = 0; mt.GetLiveCounts() != before_ && waited < kTeardownMs;
+       waited += kPollMs) {
+    MTInterface::Sleep(kPollMs);
+  }
+  EXPECT_EQ(before_, mt.GetLiveCounts()) << "left behind; before: " << before_.ToString()
+                                         << "; after: " << mt.GetLiveCounts().ToString();
+}
+
+void PrintTo(const CallSite& site, std::ostream* out) {
+  *out << site.file << ", " << site.function << ", " << site.line;
+}
+
+::testing::AssertionResult GrowsLinearly(const std::function<void(std::size_t count)>& work,
+                                         std::size_t count) {
+  const auto time = [&work](std::size_t size) {
+    const std::clock_t start = std::clock();
+    work(size);
+    return std::clock() - start;
+  };
+  std::clock_t few = 0;
+  std::clock_t many = 0;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    few = time(count / 16);
+    many = time(count);
+    if (many < kTooShortToCompare || many < kMostTimesAsLong * few) {
+      return ::testing::AssertionSuccess() << "from " << few << " to " << many << " clocks";
+    }
+  }
+  return ::testing::AssertionFailure() << "from " << few << " to " << many << " clocks";
+}
+
+}  // namespace Orvane

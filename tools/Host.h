@@ -1,0 +1,23 @@
+// The little that the tool needs from the operating system beyond the library and the standard
+// library. One implementation per host folder.
+#pragma once
+
+#include <cstdint>
+
+namespace OrvaneTool {
+
+// Makes interruption (Ctrl-C, a termination request) set a flag instead of ending the process. A
+// second one ends the process at once. An interruption that the process was started to ignore stays
+// ignored. Also turns the signal of an exceeded file size limit into an ordinary write error.
+void CatchInterruptions();
+// True once the process was interrupted. Safe from any thread: one atomic flag.
+bool Interrupted();
+
+bool StandardErrorIsTerminal();
+// Columns of that terminal; 80 when unknown.
+unsigned TerminalColumns();
+
+// Bytes of main memory; 0 when unknown.
+std::uint64_t PhysicalMemoryBytes();
+
+}  // namespace OrvaneTool
