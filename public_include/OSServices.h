@@ -15,9 +15,9 @@ class PhysMemInterfaceImp;
 //
 // fork: the child of a process that called Init has no I/O thread. There, reads and writes answer
 // kResultNotSupported at once, Cancel and Close do not wait, and a request that was in flight in
-// the parent is never reported in the child. Files are opened close-on-exec, so a child that goes
-// on to exec is unaffected. A process that needs the library in several processes calls Init in
-// each of them after the fork.
+// the parent is never reported in the child. A child that is forked inside a callback must not
+// return from it. Files are opened close-on-exec, so a child that goes on to exec is unaffected. A
+// program that needs the library in several processes calls Init in each of them after the fork.
 class ORVANE_EXPORT OSServices {
  public:
   // Installs the host's threading, page memory and file system, in this order; the last starts the

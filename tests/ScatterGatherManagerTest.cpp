@@ -15,18 +15,24 @@ class PlacedBuffer : public HostBuffer {
       : HostBuffer(reinterpret_cast<void*>(address), size) {}
   LockState_t Lock() override {
     ++lockCalls;
+    if (throwOnLock) throw 1;
     const LockState_t state = HostBuffer::Lock();
     return refuseLock ? kBufferUnlocked : state;
   }
   LockState_t Unlock() override {
     ++unlockCalls;
+    if (throwOnUnlock) throw 1;
     return HostBuffer::Unlock();
   }
   void* GetVirtualAddress() override {
+    if (mappedWhileLocked && GetLockState() != kBufferLocked) return nullptr;
     return virtualAddress ? virtualAddress : HostBuffer::GetVirtualAddress();
   }
 
   bool refuseLock = false;
+  bool throwOnLock = false;
+  bool throwOnUnlock = false;
+  bool mappedWhileLocked = false;
   void* virtualAddress = nullptr;
   int lockCalls = 0;
   int unlockCalls = 0;
@@ -160,8 +166,37 @@ TEST_F(ScatterGatherManagerTest, NoBufferIsLockedBeforeAllHaveBeenExamined) {
 TEST_F(ScatterGatherManagerTest, VirtualAddressMustBeMadeOfPagesToo) {
   Add(10, 1)->virtualAddress = reinterpret_cast<void*>(Page(30) + 8);
   EXPECT_FALSE(manager_.StartUsingBufferList(list_));
-  EXPECT_EQ(0, buffers_[0]->lockCalls);
+  // It was locked for a look at most.
+  EXPECT_EQ(buffers_[0]->lockCalls, buffers_[0]->unlockCalls);
   ExpectIdle();
+}
+
+TEST_F(ScatterGatherManagerTest, BufferThatIsMappedOnlyWhileLockedIsTaken) {
+  Add(10, 1);
+  Add(20, 1)->mappedWhileLocked = true;
+  EXPECT_TRUE(manager_.StartUsingBufferList(list_));
+  manager_.StopUsingBufferList();
+  EXPECT_EQ(buffers_[1]->lockCalls, buffers_[1]->unlockCalls);
+}
+
+TEST_F(ScatterGatherManagerTest, BufferThatThrowsWhenLockedIsRefused) {
+  Add(10, 1)->throwOnLock = true;
+  EXPECT_FALSE(manager_.StartUsingBufferList(list_));
+  EXPECT_NE(std::string::npos, TestMTInterface::Get().TakeDebugText().find("Locking A Buffer"));
+  EXPECT_EQ(nullptr, manager_.GetSegmentArray(&bytes_));
+  EXPECT_EQ(1, list_->GetRefCount());
+}
+
+TEST_F(ScatterGatherManagerTest, BufferThatThrowsWhenUnlockedLeavesTheManagerIdle) {
+  PlacedBuffer* const buffer = Add(10, 1);
+  ASSERT_TRUE(manager_.StartUsingBufferList(list_));
+  buffer->throwOnUnlock = true;
+  EXPECT_TRUE(manager_.StopUsingBufferList());
+  EXPECT_NE(std::string::npos, TestMTInterface::Get().TakeDebugText().find("Unlocking A Buffer"));
+  EXPECT_EQ(nullptr, manager_.GetSegmentArray(&bytes_));
+  EXPECT_EQ(1, list_->GetRefCount());
+  buffer->throwOnUnlock = false;
+  EXPECT_TRUE(manager_.StartUsingBufferList(list_));
 }
 
 TEST_F(ScatterGatherManagerTest, BufferThatDoesNotLockIsRefused) {

@@ -30,8 +30,13 @@ CacheSource::Result_t RunSynchronously(FileSource* source, ListOperation operati
   CacheSource::Result_t result = CacheSource::kResultError;
   // Without it nothing is started: there would be no way to wait for the end.
   if (wrapper->HasSemaphore()) {
-    result = (source->*operation)(offset, buffer ? wrapper->GetList() : list, wrapper,
-                                  CacheSource::kDueASAP);
+    try {
+      result = (source->*operation)(offset, buffer ? wrapper->GetList() : list, wrapper,
+                                    CacheSource::kDueASAP);
+    } catch (...) {
+      wrapper->DecRef(kFile, site.function, site.line);
+      throw;
+    }
   }
   if (result == CacheSource::kResultPending) return wrapper->Wait(bytes);
   wrapper->DecRef(kFile, site.function, site.line);

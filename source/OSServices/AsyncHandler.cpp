@@ -99,7 +99,7 @@ FileSource::Result_t AsyncHandler::Submit(Direction direction, HostFile* file, B
 
 void AsyncHandler::Cancel(HostFile* file) {
   // After a fork the requests are the parent's, also in the copy of a thread that was the worker.
-  if (state_->Get() == kAbandoned) return;
+  if (IsAbandoned()) return;
   if (IsOnWorker()) {
     CancelOnWorker(file);
     return;
@@ -118,12 +118,14 @@ void AsyncHandler::Cancel(HostFile* file) {
 }
 
 void AsyncHandler::BeginClose(HostFile* file) {
-  if (state_->Get() == kAbandoned) return;  // the lock may be held by a thread that is not here
+  if (IsAbandoned()) return;
   CritSecLock lock(slotLock_.get());
   file->closing_ = true;
 }
 
 bool AsyncHandler::IsRunning() { return state_->Get() == kRunning; }
+
+bool AsyncHandler::IsAbandoned() { return state_->Get() == kAbandoned; }
 
 void AsyncHandler::AbandonAfterFork() { AtomicExchange(state_.get(), kAbandoned); }
 

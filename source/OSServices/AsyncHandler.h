@@ -73,6 +73,8 @@ class AsyncHandler {
 
   // False when the worker could not be started, has ended, or is missing after a fork.
   bool IsRunning();
+  // True in the child of a fork: its requests are the parent's, and any lock may be held for ever.
+  bool IsAbandoned();
   // Called in the child of a fork, where the worker does not exist: nothing waits for it any more.
   void AbandonAfterFork();
 
@@ -147,6 +149,7 @@ class AsyncHandler {
   // The worker's thread only (AsyncHandlerWorker.cpp).
   void WorkerMain();
   bool AttachPort();
+  void RunUntilStopped();
   void WorkerLoop();
   void BeginServingCancel();
   void EndServingCancel();

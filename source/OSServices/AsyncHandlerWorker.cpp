@@ -28,7 +28,7 @@ void AsyncHandler::WorkerMain() {
   if (AttachPort()) {
     AtomicExchange(state_.get(), kRunning);
     started_->Release(1);
-    WorkerLoop();
+    RunUntilStopped();
     Shutdown();
     port_->Detach();
   } else {
@@ -51,6 +51,18 @@ bool AsyncHandler::AttachPort() {
   }
 }
 
+// Nothing in there throws but code of the application in a place where none is expected, a reference
+// count for instance. The other requests of the process must not suffer for it.
+void AsyncHandler::RunUntilStopped() {
+  while (!(control_->Get() & kStop)) {
+    try {
+      WorkerLoop();
+    } catch (...) {
+      MTInterface::DebugString("Unhandled Exception On The I/O Thread\n");
+    }
+  }
+}
+
 void AsyncHandler::WorkerLoop() {
   for (;;) {
     // Control first: completions that never cease must not keep a cancel or the end waiting.
@@ -66,7 +78,7 @@ void AsyncHandler::WorkerLoop() {
 }
 
 // The requests of other files go on meanwhile: a device that does not let go holds up nobody but
-// the thread that cancels.
+// the threads that cancel.
 void AsyncHandler::BeginServingCancel() {
   HostFile* file = nullptr;
   {

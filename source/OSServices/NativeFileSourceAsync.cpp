@@ -1,7 +1,6 @@
 #include "OSServices/NativeFileSourceAsync.h"
 
 #include "MTInterface.h"
-#include "OSServices/CritSecLock.h"
 
 namespace Orvane {
 namespace {
@@ -10,6 +9,25 @@ constexpr const char* kFile = "source/OSServices/NativeFileSourceAsync";
 
 // How long a request may wait to be issued. KEPT: its due time plays no part.
 constexpr std::uint32_t kQueueTimeoutMs = 10000;
+
+// Holds the state lock, except in the child of a fork: there it may be held for ever by a thread of
+// the parent, and the one thread that there is needs no lock.
+class ORVANE_SCOPED_CAPABILITY StateLock {
+ public:
+  StateLock(MTCritSec* section, AsyncHandler* handler)
+      ORVANE_ACQUIRE(section) ORVANE_NO_THREAD_SAFETY_ANALYSIS
+      : section_(handler->IsAbandoned() ? nullptr : section) {
+    if (section_) section_->Enter();
+  }
+  ~StateLock() ORVANE_RELEASE() ORVANE_NO_THREAD_SAFETY_ANALYSIS {
+    if (section_) section_->Leave();
+  }
+  StateLock(const StateLock&) = delete;
+  StateLock& operator=(const StateLock&) = delete;
+
+ private:
+  MTCritSec* const section_;
+};
 
 }  // namespace
 
@@ -30,7 +48,7 @@ bool NativeFileSourceAsync::Open(bool forRead, bool forWrite, bool create) {
   HostFile* const file = OpenHostFile(name, forRead, forWrite, create);
   if (!file) return false;
   {
-    CritSecLock lock(stateLock_.get());
+    StateLock lock(stateLock_.get(), handler_);
     if (!file_) {
       file_ = file;
       openedForRead_ = forRead;
@@ -49,7 +67,7 @@ bool NativeFileSourceAsync::Close() {
   handler_->Cancel(file);
   bool closed = false;
   {
-    CritSecLock lock(stateLock_.get());
+    StateLock lock(stateLock_.get(), handler_);
     // Another Close may have been faster, and an Open after it.
     if (file_ == file) {
       file_ = nullptr;
@@ -62,12 +80,12 @@ bool NativeFileSourceAsync::Close() {
 }
 
 bool NativeFileSourceAsync::IsOpenForRead() {
-  CritSecLock lock(stateLock_.get());
+  StateLock lock(stateLock_.get(), handler_);
   return openedForRead_;
 }
 
 bool NativeFileSourceAsync::IsOpenForWrite() {
-  CritSecLock lock(stateLock_.get());
+  StateLock lock(stateLock_.get(), handler_);
   return openedForWrite_;
 }
 
@@ -104,7 +122,7 @@ FileSource::Result_t NativeFileSourceAsync::Submit(AsyncHandler::Direction direc
   if (!handler_->IsRunning()) return kResultNotSupported;
   HostFile* file = nullptr;
   {
-    CritSecLock lock(stateLock_.get());
+    StateLock lock(stateLock_.get(), handler_);
     const bool opened = direction == AsyncHandler::kRead ? openedForRead_ : openedForWrite_;
     if (!file_ || !opened) return kResultNotSupported;
     file = file_;
@@ -117,7 +135,7 @@ FileSource::Result_t NativeFileSourceAsync::Submit(AsyncHandler::Direction direc
 }
 
 HostFile* NativeFileSourceAsync::AcquireFile() {
-  CritSecLock lock(stateLock_.get());
+  StateLock lock(stateLock_.get(), handler_);
   if (file_) file_->AddRef(kFile, "Orvane::NativeFileSourceAsync::AcquireFile", __LINE__);
   return file_;
 }

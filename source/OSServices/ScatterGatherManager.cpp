@@ -4,6 +4,7 @@
 
 #include "Buffer.h"
 #include "BufferList.h"
+#include "MTInterface.h"
 #include "PhysMemInterface.h"
 
 namespace Orvane {
@@ -16,10 +17,12 @@ bool IsMadeOfPages(Buffer* buffer) {
   if (!buffer) return false;
   const std::uint64_t size = buffer->GetSize();
   void* const address = buffer->GetAddress();
-  void* const virtualAddress = buffer->GetVirtualAddress();
-  return PhysMemInterface::GetNumberOfValidPagesForBuffer(address, size) != 0 &&
-         (virtualAddress == address ||
-          PhysMemInterface::GetNumberOfValidPagesForBuffer(virtualAddress, size) != 0);
+  if (PhysMemInterface::GetNumberOfValidPagesForBuffer(address, size) == 0) return false;
+  if (buffer->GetVirtualAddress() == address) return true;
+  // The one that counts is that of the locked buffer.
+  const BufferLockAuto lock(buffer);
+  return lock.IsLocked() && PhysMemInterface::GetNumberOfValidPagesForBuffer(
+                                buffer->GetVirtualAddress(), size) != 0;
 }
 
 void Advance(MemoryRun* run, std::size_t bytes) {
@@ -41,10 +44,16 @@ ScatterGatherManager::~ScatterGatherManager() {
 }
 
 bool ScatterGatherManager::StartUsingBufferList(BufferList* list) {
-  if (!list || list_ || PhysMemInterface::GetPageSize() == 0 || !CanBeUsed(list)) return false;
+  if (!list || list_ || PhysMemInterface::GetPageSize() == 0) return false;
   std::size_t pageCount = 0;
   std::size_t contiguousLength = 0;
-  void* const token = list->LockAllBuffers(/*countPages=*/true, &pageCount, &contiguousLength);
+  void* token = nullptr;
+  try {
+    if (!CanBeUsed(list)) return false;
+    token = list->LockAllBuffers(/*countPages=*/true, &pageCount, &contiguousLength);
+  } catch (...) {
+    MTInterface::DebugString("Unhandled Exception Locking A Buffer\n");
+  }
   if (!token) return false;
 
   list_ = list;
@@ -58,7 +67,11 @@ bool ScatterGatherManager::StartUsingBufferList(BufferList* list) {
 
 bool ScatterGatherManager::StopUsingBufferList() {
   if (!list_) return true;
-  list_->UnlockAllBuffers(lockToken_);
+  try {
+    list_->UnlockAllBuffers(lockToken_);
+  } catch (...) {
+    MTInterface::DebugString("Unhandled Exception Unlocking A Buffer\n");
+  }
   list_->DecRef(kFile, "Orvane::ScatterGatherManager::StopUsingBufferList", 116);
   list_ = nullptr;
   lockToken_ = nullptr;

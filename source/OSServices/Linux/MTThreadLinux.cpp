@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "OSServices/CritSecLock.h"
+
 namespace Orvane {
 
 MTThreadLinux::MTThreadLinux(MTThreadBody* body, MTPriority priority, std::uint64_t processorMask)
@@ -13,16 +15,12 @@ MTThreadLinux::MTThreadLinux(MTThreadBody* body, MTPriority priority, std::uint6
       priority_(priority),
       processorMask_(processorMask),
       announced_(1, 0),
-      adjusted_(1, 0),
-      joinable_(0) {}
+      adjusted_(1, 0) {}
 
 MTThreadLinux::~MTThreadLinux() {
-  if (StopForDestruction()) {
-    JoinOnce();
-  } else if (joinable_.CompareAndSwap(1, 0)) {
-    // KEPT: a body that ignored the request for 10 seconds goes on without its thread object.
-    pthread_detach(handle_);
-  }
+  const bool reaped = StopForDestruction();
+  // KEPT: a body that ignored the request for 10 seconds goes on without its thread object.
+  LetGoOfThread(/*join=*/reaped);
 }
 
 bool MTThreadLinux::Start() {
@@ -30,7 +28,10 @@ bool MTThreadLinux::Start() {
     ForgetBody();
     return false;
   }
-  joinable_.CompareAndSwap(0, 1);
+  {
+    CritSecLock lock(&joinLock_);
+    joinable_ = true;
+  }
   announced_.Wait(0xFFFFFFFF, 1);
   // KEPT: set on the running thread; its first instructions may run without them.
   ApplyAffinity();
@@ -41,7 +42,7 @@ bool MTThreadLinux::Start() {
 
 bool MTThreadLinux::Terminate(std::uint32_t timeoutMs) {
   if (!MTThread::Terminate(timeoutMs)) return false;
-  JoinOnce();
+  LetGoOfThread(/*join=*/true);
   return true;
 }
 
@@ -74,13 +75,15 @@ void MTThreadLinux::ApplyPriority() {
   }
 }
 
-void MTThreadLinux::JoinOnce() {
+void MTThreadLinux::LetGoOfThread(bool join) {
+  CritSecLock lock(&joinLock_);
+  if (!joinable_) return;
+  joinable_ = false;
   // A thread that reaps itself cannot wait for its own end.
-  if (!joinable_.CompareAndSwap(1, 0)) return;
-  if (pthread_equal(handle_, pthread_self())) {
-    pthread_detach(handle_);
-  } else {
+  if (join && !pthread_equal(handle_, pthread_self())) {
     pthread_join(handle_, nullptr);
+  } else {
+    pthread_detach(handle_);
   }
 }
 

@@ -29,7 +29,8 @@ class MTThreadLinux : public MTThread {
   static void* StartRoutine(void* thread);
   void ApplyAffinity();
   void ApplyPriority();
-  void JoinOnce();
+  // Once: waits for the host's thread to end, or leaves it to itself.
+  void LetGoOfThread(bool join);
 
   const MTPriority priority_;
   const std::uint64_t processorMask_;
@@ -37,7 +38,8 @@ class MTThreadLinux : public MTThread {
   pid_t hostThreadID_ = 0;          // written by the new thread before `announced_`
   MTSemaphoreLinux announced_;      // released once the new thread has an id
   MTSemaphoreLinux adjusted_;       // released once affinity and priority are set
-  MTAtomicUnsigned32Linux joinable_;  // 1 from the start to the join
+  MTCritSecLinux joinLock_;          // whoever reaps second returns after the join, too
+  bool joinable_ ORVANE_GUARDED_BY(joinLock_) = false;  // from the start to the join
 };
 
 // The nice value for a priority in a process whose own nice value is `base`.
