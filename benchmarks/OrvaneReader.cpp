@@ -15,7 +15,9 @@ using Orvane::NativeFileSource;
 
 constexpr const char* kFile = "benchmarks/OrvaneReader";
 
-void Drop(Orvane::SharedObject* object) { object->DecRef(kFile, "Drop", __LINE__); }
+void Drop(Orvane::SharedObject* object) {
+  object->DecRef(kFile, "Drop", __LINE__);
+}
 
 NativeFileSource* OpenSource(const Job& job) {
   NativeFileSource* const source =
@@ -71,8 +73,7 @@ class OrvaneReader : public Reader {
  private:
   class Lane : public FileSource::ResultCallbackBufferList {
    public:
-    explicit Lane(OrvaneReader* reader)
-        : reader_(reader), list_(reader->blocks_.NewListOfOne()) {}
+    explicit Lane(OrvaneReader* reader) : reader_(reader), list_(reader->blocks_.NewListOfOne()) {}
 
     void StartNext() {
       const std::size_t index = reader_->next_.fetch_add(1, std::memory_order_relaxed);

@@ -62,6 +62,8 @@ class RingReader : public Reader {
 
 }  // namespace
 
-std::unique_ptr<Reader> NewRingReader(const Job& job) { return std::make_unique<RingReader>(job); }
+std::unique_ptr<Reader> NewRingReader(const Job& job) {
+  return std::make_unique<RingReader>(job);
+}
 
 }  // namespace bench

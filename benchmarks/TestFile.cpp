@@ -39,7 +39,9 @@ TestFile::TestFile(const std::string& directory, std::uint64_t bytes)
   close(descriptor);
 }
 
-TestFile::~TestFile() { unlink(name_.c_str()); }
+TestFile::~TestFile() {
+  unlink(name_.c_str());
+}
 
 int OpenUnbuffered(const std::string& name) {
   int descriptor = open(name.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);
@@ -73,6 +75,8 @@ AlignedBlocks::AlignedBlocks(std::uint64_t blockBytes, std::size_t blocks)
   std::memset(memory_, 0, bytes);
 }
 
-AlignedBlocks::~AlignedBlocks() { std::free(memory_); }
+AlignedBlocks::~AlignedBlocks() {
+  std::free(memory_);
+}
 
 }  // namespace bench

@@ -22,7 +22,8 @@ void Register(const std::string& name, const Job& job, std::vector<std::uint64_t
     } catch (const std::exception& error) {
       state.SkipWithError(error.what());
     }
-    const auto items = static_cast<double>(state.iterations()) * static_cast<double>(offsets.size());
+    const auto items =
+        static_cast<double>(state.iterations()) * static_cast<double>(offsets.size());
     state.counters["items"] = benchmark::Counter(items);
     state.counters["reads/s"] = benchmark::Counter(items, benchmark::Counter::kIsRate);
   };

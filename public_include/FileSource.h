@@ -30,8 +30,8 @@ class BufferList;
 // thread of the process, with no lock of the library held. While one runs, no other request is
 // reported, so it must not block. Inside it, asynchronous reads and writes, Cancel, Close, Delete
 // and any release (of the source too) work; synchronous reads and writes answer kResultError. An
-// exception that escapes is caught and logged. Outside callbacks, Cancel, Close, Delete and the last
-// release of a source wait for reports: hold no lock there that a callback takes.
+// exception that escapes is caught and logged. Outside callbacks, Cancel, Close, Delete and the
+// last release of a source wait for reports: hold no lock there that a callback takes.
 //
 // Ownership. Until the callback the library holds a reference on the list, its buffers stay locked,
 // and their memory must not be touched. When the callback runs (or the synchronous call returns),

@@ -120,12 +120,12 @@ class ORVANE_EXPORT MTThreadBody {
 
 // A running thread, made and started by MTInterface::NewThread.
 //
-// | state               | meaning                                | left by                         |
+// | state               | meaning                                | left by |
 // |---------------------|----------------------------------------|---------------------------------|
-// | running             | the body runs                          | Terminate, return of the body   |
-// | terminate requested | IsTerminating() is true                | return of the body              |
-// | finished            | the body returned or threw             | a Terminate that sees it        |
-// | reaped              | Terminate answered true                | deletion                        |
+// | running             | the body runs                          | Terminate, return of the body |
+// | terminate requested | IsTerminating() is true                | return of the body | | finished
+// | the body returned or threw             | a Terminate that sees it        | | reaped | Terminate
+// answered true                | deletion                        |
 //
 // The owner deletes the thread after Terminate answered true. The destructor itself asks a body
 // that was not reaped to finish and waits at most 10 seconds; KEPT: a body that takes longer goes
@@ -171,10 +171,10 @@ class ORVANE_EXPORT MTThread {
 
  private:
   MTThreadBody* const body_;
-  MTSemaphore* doneSemaphore_;         // maximum 1; stays released once the body has returned
-  MTAtomicUnsigned32* terminating_;    // 0 or 1
-  MTAtomicUnsigned32* bodySet_;        // 1 until reaped
-  bool stoppedForDestruction_ = false; // destroying thread only
+  MTSemaphore* doneSemaphore_;          // maximum 1; stays released once the body has returned
+  MTAtomicUnsigned32* terminating_;     // 0 or 1
+  MTAtomicUnsigned32* bodySet_;         // 1 until reaped
+  bool stoppedForDestruction_ = false;  // destroying thread only
 };
 
 }  // namespace Orvane

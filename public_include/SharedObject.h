@@ -48,8 +48,8 @@ class ORVANE_EXPORT SharedObject {
   SharedObject& operator=(const SharedObject&) = default;
 
  private:
-  MTAtomicUnsigned32* referenceCounter_;  // owned
-  MTCritSec* modifyLock_;                 // owned
+  MTAtomicUnsigned32* referenceCounter_;          // owned
+  MTCritSec* modifyLock_;                         // owned
   [[maybe_unused]] std::uint64_t trackingValue_;  // 0xFFFFFFFF; for a tracing configuration
 };
 

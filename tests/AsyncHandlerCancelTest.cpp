@@ -329,9 +329,8 @@ TEST_F(AsyncHandlerCancelTest, CompletionsOfOtherFilesAreReportedMeanwhile) {
   host_.Nudge();
   ASSERT_TRUE(host_.WaitUntilIdle());
   EXPECT_FALSE(cancel.IsDone());
-  const std::vector<Report> meanwhile{
-      {FileSource::kResultOK, 2 * PageSize(), lists[2], PageSize()},
-      {FileSource::kResultError, PageSize(), lists[1], 0}};
+  const std::vector<Report> meanwhile{{FileSource::kResultOK, 2 * PageSize(), lists[2], PageSize()},
+                                      {FileSource::kResultError, PageSize(), lists[1], 0}};
   EXPECT_EQ(meanwhile, log_.All());
   host_.Complete(0);
   EXPECT_TRUE(cancel.WaitUntilDone());
@@ -360,10 +359,9 @@ TEST_F(AsyncHandlerCancelTest, InsideACallbackCompletionsOfOtherFilesAreReported
   host_.Complete(0);
   ASSERT_TRUE(log_.WaitFor(3));
   ASSERT_TRUE(host_.WaitUntilIdle());
-  const std::vector<Report> expected{
-      {FileSource::kResultOK, PageSize(), lists[1], PageSize()},
-      {kCancelled, 0, lists[0], 0},
-      {FileSource::kResultOK, 2 * PageSize(), lists[2], PageSize()}};
+  const std::vector<Report> expected{{FileSource::kResultOK, PageSize(), lists[1], PageSize()},
+                                     {kCancelled, 0, lists[0], 0},
+                                     {FileSource::kResultOK, 2 * PageSize(), lists[2], PageSize()}};
   EXPECT_EQ(expected, log_.All());
 }
 

@@ -22,8 +22,7 @@ namespace {
 
 using Faulty = Orvane::FaultyFileSystem;
 
-enum class Fault { kNone, kHold, kInterrupt, kFail, kFailLater, kShort, kTiny, kNothing,
-                   kFull };
+enum class Fault { kNone, kHold, kInterrupt, kFail, kFailLater, kShort, kTiny, kNothing, kFull };
 
 struct FaultyFile {
   const char* name;
@@ -46,7 +45,9 @@ constexpr FaultyFile kFiles[] = {
 };
 constexpr fuse_ino_t kFirstFile = FUSE_ROOT_ID + 1;
 
-const FaultyFile& FileOf(fuse_ino_t number) { return kFiles[number - kFirstFile]; }
+const FaultyFile& FileOf(fuse_ino_t number) {
+  return kFiles[number - kFirstFile];
+}
 
 struct Held {
   fuse_req_t request;
@@ -60,7 +61,7 @@ bool holding = true;
 std::size_t awaited = 0;  // answer once so many are held; 0: nobody waits
 
 struct stat AttributesOf(fuse_ino_t number) {
-  struct stat status{};
+  struct stat status {};
   status.st_ino = number;
   const bool isFile = number != FUSE_ROOT_ID;
   status.st_mode = isFile ? S_IFREG | 0666 : S_IFDIR | 0777;
@@ -69,7 +70,9 @@ struct stat AttributesOf(fuse_ino_t number) {
   return status;
 }
 
-void Answer(bool good = true) { std::cout << (good ? "ok" : "failed") << std::endl; }
+void Answer(bool good = true) {
+  std::cout << (good ? "ok" : "failed") << std::endl;
+}
 
 void AnswerIfAwaited() {
   if (awaited == 0 || held.size() < awaited) return;
@@ -88,9 +91,8 @@ void Move(fuse_req_t request, std::size_t offset, std::size_t size, bool write) 
 }
 
 void OnInterrupt(fuse_req_t request, void*) {
-  const auto found = std::find_if(held.begin(), held.end(), [request](const Held& entry) {
-    return entry.request == request;
-  });
+  const auto found = std::find_if(
+      held.begin(), held.end(), [request](const Held& entry) { return entry.request == request; });
   if (found == held.end()) return;
   held.erase(found);
   fuse_reply_err(request, EINTR);
@@ -257,8 +259,7 @@ int main(int argc, char** argv) {
   operations.read = Read;
   operations.write = Write;
   operations.fsync = Synchronise;
-  fuse_session* const session =
-      fuse_session_new(&options, &operations, sizeof operations, nullptr);
+  fuse_session* const session = fuse_session_new(&options, &operations, sizeof operations, nullptr);
   if (!session) return 1;
   const bool mounted = fuse_session_mount(session, argv[1]) == 0;
   Answer(mounted);

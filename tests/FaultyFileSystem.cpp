@@ -50,11 +50,17 @@ FaultyFileSystem::~FaultyFileSystem() {
   rmdir(point_.c_str());
 }
 
-bool FaultyFileSystem::AwaitHeld(std::size_t count) { return Ask("await " + std::to_string(count)); }
+bool FaultyFileSystem::AwaitHeld(std::size_t count) {
+  return Ask("await " + std::to_string(count));
+}
 
-void FaultyFileSystem::ReleaseHeld() { Ask("release"); }
+void FaultyFileSystem::ReleaseHeld() {
+  Ask("release");
+}
 
-void FaultyFileSystem::HoldAgain() { Ask("hold"); }
+void FaultyFileSystem::HoldAgain() {
+  Ask("hold");
+}
 
 // Each command is a line, and so is each answer; the first answer says that it is mounted.
 bool FaultyFileSystem::Ask(const std::string& command) {

@@ -202,12 +202,13 @@ TEST_F(FaultyFileTest, CloseAndReleaseWaitUntilTheDeviceHasLetGo) {
     ASSERT_TRUE(system_->AwaitHeld(1));
     ReleaseWhile(
         [&] {
-          if (release) source.Release();
-          else source->Close();
+          if (release)
+            source.Release();
+          else
+            source->Close();
         },
         reports);
-    EXPECT_EQ(std::vector<Outcome>(kHeldAtOnce, {kFailed, 0}),
-              reports->WaitFor(kHeldAtOnce));
+    EXPECT_EQ(std::vector<Outcome>(kHeldAtOnce, {kFailed, 0}), reports->WaitFor(kHeldAtOnce));
   }
 }
 
@@ -299,8 +300,7 @@ TEST_F(FaultyFileTest, CancelOfAHeldFileLeavesOtherFilesTheirRequests) {
   ReleaseWhile([&] { source->CancelNonCached(); }, cancelled);
   EXPECT_EQ(std::vector<Outcome>(kHeldAtOnce / 2, {kFailed, 0}),
             cancelled->WaitFor(kHeldAtOnce / 2));
-  EXPECT_EQ(std::vector<Outcome>(kHeldAtOnce / 2, {kOK, Page()}),
-            kept->WaitFor(kHeldAtOnce / 2));
+  EXPECT_EQ(std::vector<Outcome>(kHeldAtOnce / 2, {kOK, Page()}), kept->WaitFor(kHeldAtOnce / 2));
 }
 
 // While the device is busy, the other requests of the process go on.

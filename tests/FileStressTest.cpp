@@ -20,9 +20,9 @@ using Random = std::mt19937_64;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kThreads = 8;
-constexpr std::size_t kRegionPages = 96;   // of the file, per thread
-constexpr std::size_t kLanes = 12;         // requests of a thread at a time
-constexpr std::size_t kLanePages = 8;      // of the file, per request
+constexpr std::size_t kRegionPages = 96;  // of the file, per thread
+constexpr std::size_t kLanes = 12;        // requests of a thread at a time
+constexpr std::size_t kLanePages = 8;     // of the file, per request
 constexpr unsigned char kPoison = 0xA5;
 static_assert(kLanes * kLanePages == kRegionPages);
 
@@ -31,7 +31,9 @@ std::uint64_t NumberFromEnvironment(const char* name, std::uint64_t otherwise) {
   return text && *text != '\0' ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-std::size_t Pick(Random* random, std::size_t below) { return (*random)() % below; }
+std::size_t Pick(Random* random, std::size_t below) {
+  return (*random)() % below;
+}
 
 // What went wrong, of all threads.
 struct Findings {
@@ -52,13 +54,16 @@ class StressRequest : public FileSource::ResultCallbackBufferList {
  public:
   struct Plan {
     bool write;
-    std::uint64_t offset;         // bytes in the file
-    unsigned char* expected;      // the model at this offset
-    int repeats;                  // how often the report starts it again
+    std::uint64_t offset;     // bytes in the file
+    unsigned char* expected;  // the model at this offset
+    int repeats;              // how often the report starts it again
   };
 
   StressRequest(Findings* findings, FileSource* source, const Pieces& pieces, const Plan& plan)
-      : findings_(findings), source_(source), pieces_(pieces), plan_(plan),
+      : findings_(findings),
+        source_(source),
+        pieces_(pieces),
+        plan_(plan),
         list_(NewListOf(pieces)) {
     for (const auto& piece : pieces_) size_ += piece.second;
     // Who starts again from a report keeps the source for it; the others leave that to the library.
@@ -70,9 +75,8 @@ class StressRequest : public FileSource::ResultCallbackBufferList {
     if (plan_.write) PutModelIntoMemory();
     ++expectedReports_;
     const auto result =
-        plan_.write
-            ? source_->WriteAsyncWithList(plan_.offset, list_, this, CacheSource::kDueASAP)
-            : source_->ReadAsyncWithList(plan_.offset, list_, this, CacheSource::kDueASAP);
+        plan_.write ? source_->WriteAsyncWithList(plan_.offset, list_, this, CacheSource::kDueASAP)
+                    : source_->ReadAsyncWithList(plan_.offset, list_, this, CacheSource::kDueASAP);
     if (result == kPending) {
       ++findings_->accepted;
       return true;
@@ -177,8 +181,11 @@ class StressRequest : public FileSource::ResultCallbackBufferList {
 class StressThread {
  public:
   StressThread(Findings* findings, std::string path, std::size_t number, std::uint64_t seed)
-      : findings_(findings), path_(std::move(path)), start_(number * kRegionPages * Page()),
-        random_(seed * kThreads + number), memory_(2 * kRegionPages * Page()),
+      : findings_(findings),
+        path_(std::move(path)),
+        start_(number * kRegionPages * Page()),
+        random_(seed * kThreads + number),
+        memory_(2 * kRegionPages * Page()),
         model_(kRegionPages * Page()),
         source_(std::make_unique<AutoRelease<NativeFileSource>>(
             OpenSource(path_, OpenFor::kReadAndWrite, /*create=*/true))) {}
@@ -186,8 +193,10 @@ class StressThread {
   void Run(Clock::time_point end) {
     for (std::size_t lane = 0; lane < kLanes; ++lane) RewriteLane(lane);
     while (Clock::now() < end) {
-      if (Pick(&random_, 4) == 0) CheckSynchronously();
-      else RunBatch();
+      if (Pick(&random_, 4) == 0)
+        CheckSynchronously();
+      else
+        RunBatch();
     }
     source_->Release();
   }
@@ -213,8 +222,8 @@ class StressThread {
     for (std::size_t done = 0; done < pages;) {
       const std::size_t count = shape == 1 ? 1 : 1 + Pick(&random_, pages - done);
       // Back to back, with gaps, or backwards.
-      const std::size_t at = shape == 3 ? 2 * kLanePages - done - count
-                                        : done + (shape == 1 ? done : 0);
+      const std::size_t at =
+          shape == 3 ? 2 * kLanePages - done - count : done + (shape == 1 ? done : 0);
       pieces.emplace_back(base + at * Page(), count * Page());
       done += count;
     }
@@ -233,8 +242,7 @@ class StressThread {
       // The vector is not aligned: through the lane's memory.
       unsigned char* const base = memory_.At(lane * 2 * kLanePages * Page());
       std::memcpy(base, ModelAt(lane, 0), kLanePages * Page());
-      const Outcome outcome =
-          WriteFrom(Source(), OffsetOf(lane, 0), {{base, kLanePages * Page()}});
+      const Outcome outcome = WriteFrom(Source(), OffsetOf(lane, 0), {{base, kLanePages * Page()}});
       if (outcome == Outcome{kOK, kLanePages * Page()}) return;
       if (outcome.result != kBusy) {
         ++findings_->wrongResults;

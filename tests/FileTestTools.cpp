@@ -47,7 +47,9 @@ class Descriptor {
 
 }  // namespace
 
-std::size_t Page() { return static_cast<std::size_t>(PhysMemInterface::GetPageSize()); }
+std::size_t Page() {
+  return static_cast<std::size_t>(PhysMemInterface::GetPageSize());
+}
 
 bool Eventually(const std::function<bool()>& condition) {
   const auto limit = Clock::now() + kPollLimit;
@@ -65,9 +67,13 @@ Memory::Memory(std::size_t size) : size_(size), data_(nullptr) {
   data_ = static_cast<unsigned char*>(memory);
 }
 
-Memory::~Memory() { munmap(data_, size_); }
+Memory::~Memory() {
+  munmap(data_, size_);
+}
 
-void Memory::FillWith(unsigned char value) const { std::memset(data_, value, size_); }
+void Memory::FillWith(unsigned char value) const {
+  std::memset(data_, value, size_);
+}
 
 bool Memory::IsFilledWith(unsigned char value, std::size_t offset, std::size_t size) const {
   return std::all_of(data_ + offset, data_ + offset + size,
@@ -118,12 +124,16 @@ TestFile::TestFile(const std::string& name) : path_(OrvaneTest::PathOf(name)) {
   unlink(path_.c_str());
 }
 
-TestFile::~TestFile() { unlink(path_.c_str()); }
+TestFile::~TestFile() {
+  unlink(path_.c_str());
+}
 
-bool TestFile::Exists() const { return access(path_.c_str(), F_OK) == 0; }
+bool TestFile::Exists() const {
+  return access(path_.c_str(), F_OK) == 0;
+}
 
 std::uint64_t TestFile::Size() const {
-  struct stat status{};
+  struct stat status {};
   return stat(path_.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
@@ -157,8 +167,8 @@ std::vector<unsigned char> TestFile::Read(std::uint64_t position, std::size_t si
   std::vector<unsigned char> data(size);
   std::size_t done = 0;
   while (done < size) {
-    const ssize_t count = pread(file.Get(), data.data() + done, size - done,
-                                static_cast<off_t>(position + done));
+    const ssize_t count =
+        pread(file.Get(), data.data() + done, size - done, static_cast<off_t>(position + done));
     if (count <= 0) break;
     done += static_cast<std::size_t>(count);
   }
@@ -234,7 +244,9 @@ BusyIoThread::~BusyIoThread() {
   source_->Close();
 }
 
-void BusyIoThread::BeforeLettingGo(std::function<void()> work) { work_ = std::move(work); }
+void BusyIoThread::BeforeLettingGo(std::function<void()> work) {
+  work_ = std::move(work);
+}
 
 void BusyIoThread::LetGo() {
   std::unique_lock<std::mutex> lock(mutex_);
@@ -305,7 +317,9 @@ Mount::Mount(const std::vector<std::string>& arguments) : point_(OrvaneTest::Pat
   mounted_ = RunProgram(command);
 }
 
-Mount::~Mount() { Unmount(); }
+Mount::~Mount() {
+  Unmount();
+}
 
 void Mount::Unmount() {
   if (mounted_) umount2(point_.c_str(), MNT_DETACH);

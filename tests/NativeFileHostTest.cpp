@@ -90,7 +90,7 @@ TEST_F(NativeFileHostTest, NewFilesHaveModeReadWriteForAllLessTheUmask) {
     const TestFile file("mode");
     const Umask scope(mask);
     const Source source(OpenSource(file.Path(), OpenFor::kWrite, /*create=*/true));
-    struct stat status{};
+    struct stat status {};
     ASSERT_EQ(0, stat(file.Path().c_str(), &status));
     EXPECT_EQ(0666u & ~mask, status.st_mode & 07777);
   }
@@ -247,7 +247,7 @@ class NativeFileMountTest : public NativeFileHostTest {
     const Outcome outcome = WriteFrom(source, 0, {{memory.At(), memory.Size() / 2}});
     EXPECT_EQ(kError, outcome.result);
     EXPECT_LT(outcome.bytes, size);
-    struct stat status{};
+    struct stat status {};
     ASSERT_EQ(0, stat(path.c_str(), &status));
     EXPECT_LE(outcome.bytes, static_cast<std::uint64_t>(status.st_size));
     const Pieces behind = {{memory.At(memory.Size() / 2), memory.Size() / 2}};

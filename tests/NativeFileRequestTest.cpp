@@ -374,8 +374,7 @@ TEST_F(NativeFileRequestTest, AFailedStartWithASingleBufferReleasesTheCallersCal
   const AutoRelease<SingleBufferReport> report(new SingleBufferReport);
   for (const auto operation : {&FileSource::ReadAsync, &FileSource::WriteAsync}) {
     report->AddRef("tests", "AFailedStart", 0);
-    EXPECT_EQ(kNotSupported,
-              (source.Get()->*operation)(0, buffer, report, CacheSource::kDueASAP));
+    EXPECT_EQ(kNotSupported, (source.Get()->*operation)(0, buffer, report, CacheSource::kDueASAP));
     EXPECT_EQ(1, report->GetRefCount());
     EXPECT_EQ(1, buffer->GetRefCount());
   }

@@ -284,9 +284,19 @@ class NativeFileNameTest : public NativeFileTest {
 };
 
 TEST_F(NativeFileNameTest, NamesAreNeverInterpreted) {
-  const char* const names[] = {"-rf",      "%s%n%d", "new\nline", "tab\tand space ", " ",
-                               "\xFF\xFE", "a\\b",   "*?[a]",     "$(id)`id`;|&",    "~",
-                               "gr\xC3\xBC\xC3\x9F", "\xE6\x96\x87\xE4\xBB\xB6", "\"'"};
+  const char* const names[] = {"-rf",
+                               "%s%n%d",
+                               "new\nline",
+                               "tab\tand space ",
+                               " ",
+                               "\xFF\xFE",
+                               "a\\b",
+                               "*?[a]",
+                               "$(id)`id`;|&",
+                               "~",
+                               "gr\xC3\xBC\xC3\x9F",
+                               "\xE6\x96\x87\xE4\xBB\xB6",
+                               "\"'"};
   for (const char* const name : names) CheckName(name);
 }
 

@@ -41,14 +41,18 @@ class NativeFileTransferTest : public OrvaneTest {
   // Shapes of the same 12 pages: one buffer, neighbours, a mixture, single pages from everywhere.
   static std::vector<Pieces> ShapesOf(const Memory& memory) {
     const std::size_t page = Page();
-    return {{{memory.At(), 12 * page}},
-            {{memory.At(), 5 * page}, {memory.At(5 * page), page}, {memory.At(6 * page), 6 * page}},
-            {{memory.At(8 * page), 4 * page}, {memory.At(2 * page), 6 * page},
-             {memory.At(), 2 * page}},
-            {{memory.At(page), page}, {memory.At(2 * page), 2 * page},
-             {memory.At(6 * page), 5 * page}, {memory.At(), page}, {memory.At(4 * page), page},
-             {memory.At(11 * page), page}, {memory.At(5 * page), page}},
-            PagesOf(memory, {11, 3, 7, 0, 1, 2, 10, 8, 9, 4, 6, 5})};
+    return {
+        {{memory.At(), 12 * page}},
+        {{memory.At(), 5 * page}, {memory.At(5 * page), page}, {memory.At(6 * page), 6 * page}},
+        {{memory.At(8 * page), 4 * page}, {memory.At(2 * page), 6 * page}, {memory.At(), 2 * page}},
+        {{memory.At(page), page},
+         {memory.At(2 * page), 2 * page},
+         {memory.At(6 * page), 5 * page},
+         {memory.At(), page},
+         {memory.At(4 * page), page},
+         {memory.At(11 * page), page},
+         {memory.At(5 * page), page}},
+        PagesOf(memory, {11, 3, 7, 0, 1, 2, 10, 8, 9, 4, 6, 5})};
   }
   static bool HasMemory(std::uint64_t bytes) {
     std::ifstream info("/proc/meminfo");
@@ -183,7 +187,8 @@ TEST_F(NativeFileTransferTest, HolesOfASparseFileReadAsZeros) {
   ASSERT_TRUE(file.Resize(10 * 1024 * kGiB + 77));
   const Source source(OpenSource(file.Path(), OpenFor::kRead));
   memory.FillWith(1);
-  EXPECT_EQ((Outcome{kOK, 4 * Page()}), ReadInto(source, 7 * 1024 * kGiB, {{memory.At(), 4 * Page()}}));
+  EXPECT_EQ((Outcome{kOK, 4 * Page()}),
+            ReadInto(source, 7 * 1024 * kGiB, {{memory.At(), 4 * Page()}}));
   EXPECT_TRUE(memory.IsFilledWith(0, 0, 4 * Page()));
   memory.FillWith(1);
   EXPECT_EQ((Outcome{kPartial, Page() + 77}),
@@ -213,7 +218,8 @@ TEST_F(NativeFileTransferTest, ReadsAcrossHalfTheOffsetRangeAreBehindTheEnd) {
   ASSERT_TRUE(file.FillWithPattern(0, 4 * Page()));
   const Source source(OpenSource(file.Path(), OpenFor::kRead));
   const std::uint64_t half = std::uint64_t{1} << 63;
-  EXPECT_EQ((Outcome{kOutOfRange, 0}), ReadInto(source, half - 2 * Page(), PagesOf(memory, {1, 0})));
+  EXPECT_EQ((Outcome{kOutOfRange, 0}),
+            ReadInto(source, half - 2 * Page(), PagesOf(memory, {1, 0})));
   EXPECT_EQ((Outcome{kOutOfRange, 0}), ReadInto(source, half - Page(), PagesOf(memory, {1, 0})));
   EXPECT_EQ((Outcome{kOutOfRange, 0}), ReadInto(source, half - Page(), PagesOf(memory, {0, 1})));
 }
@@ -240,7 +246,8 @@ TEST_F(NativeFileTransferTest, RangesThatPassTheLastOffsetAreRefusedAtOnce) {
   const Source source(OpenSource(file.Path(), OpenFor::kReadAndWrite));
   const std::uint64_t last = ~std::uint64_t{0};
   for (const std::uint64_t offset : {last, last - Page() + 1, last - 2 * Page() + 2}) {
-    EXPECT_EQ((Outcome{kOutOfRange, kUntouched}), ReadInto(source, offset, PagesOf(memory, {1, 0})));
+    EXPECT_EQ((Outcome{kOutOfRange, kUntouched}),
+              ReadInto(source, offset, PagesOf(memory, {1, 0})));
     EXPECT_EQ((Outcome{kOutOfRange, kUntouched}),
               WriteFrom(source, offset, PagesOf(memory, {1, 0})));
   }
@@ -261,8 +268,8 @@ TEST_F(NativeFileTransferTest, ListsOfThousandsOfScatteredPagesAreMovedWhole) {
   memory.FillWith(0);
   EXPECT_EQ((Outcome{kOK, kPages * Page()}), ReadInto(source, Page(), pieces));
   EXPECT_TRUE(HoldPattern(pieces, Page(), kPages * Page()));
-  for (const std::uint64_t size : {2500 * Page() + 123, 2048 * Page() - 1, 1024 * Page() + 1,
-                                   1024 * Page()}) {
+  for (const std::uint64_t size :
+       {2500 * Page() + 123, 2048 * Page() - 1, 1024 * Page() + 1, 1024 * Page()}) {
     ASSERT_TRUE(file.Resize(Page() + size));
     memory.FillWith(0);
     EXPECT_EQ((Outcome{kPartial, size}), ReadInto(source, Page(), pieces));
@@ -281,8 +288,8 @@ class RepeatedMemory {
     }
     data_ = static_cast<unsigned char*>(place);
     for (std::size_t i = 0; i < count; ++i) {
-      if (mmap(data_ + i * chunk, chunk, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, file,
-               0) == MAP_FAILED) {
+      if (mmap(data_ + i * chunk, chunk, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, file, 0) ==
+          MAP_FAILED) {
         std::abort();
       }
     }

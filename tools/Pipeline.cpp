@@ -41,8 +41,7 @@ void Pipeline::Allocate(std::uint64_t count) {
   }
   auto* address = static_cast<unsigned char*>(chunk->GetVirtualAddress());
   for (std::uint64_t made = 0; made < count; ++made, address += blockBytes_) {
-    Ref<Orvane::Buffer> buffer(
-        new Orvane::BufferPartOfBuffer(address, blockBytes_, chunk.get()));
+    Ref<Orvane::Buffer> buffer(new Orvane::BufferPartOfBuffer(address, blockBytes_, chunk.get()));
     blocks_.emplace_back(new Block(std::move(buffer), queue_));
     free_.push_back(blocks_.back().get());
   }

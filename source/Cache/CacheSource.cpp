@@ -22,7 +22,9 @@ CacheSource::~CacheSource() {
   if (cache_) cache_->DecRef(kFile, "Orvane::CacheSource::~CacheSource", 30);
 }
 
-std::uint64_t CacheSource::GetAlignmentRequirement() { return alignment_; }
+std::uint64_t CacheSource::GetAlignmentRequirement() {
+  return alignment_;
+}
 
 bool CacheSource::UseCache(Cache* cache) {
   if (cache_ || !cache) return false;
@@ -31,13 +33,17 @@ bool CacheSource::UseCache(Cache* cache) {
   return true;
 }
 
-Cache* CacheSource::GetCache() { return cache_; }
+Cache* CacheSource::GetCache() {
+  return cache_;
+}
 
 std::uint64_t CacheSource::Align(std::uint64_t offset) {
   return alignment_ < 2 ? offset : offset - offset % alignment_;
 }
 
-std::uint32_t CacheSource::GetSourceKey() { return sourceKey_; }
+std::uint32_t CacheSource::GetSourceKey() {
+  return sourceKey_;
+}
 
 bool CacheSource::GetRangeIntersection(std::uint64_t& offset, std::uint64_t& size,
                                        std::uint64_t rangeOffset, std::uint64_t rangeSize) {
@@ -60,14 +66,20 @@ bool CacheSource::GetRangeIntersection(std::uint64_t& offset, std::uint64_t& siz
 
 void CacheSource::PreReadTransaction(CacheTransaction*) {}
 
-bool CacheSource::SupportsPreReadTransactions() { return false; }
+bool CacheSource::SupportsPreReadTransactions() {
+  return false;
+}
 
 CacheSource::Result_t CacheSource::ProcessReadTransaction(CacheTransaction*) {
   return kResultNotSupported;
 }
 
-bool CacheSource::CompleteReadTransaction(CacheTransaction*, Result_t) { return false; }
+bool CacheSource::CompleteReadTransaction(CacheTransaction*, Result_t) {
+  return false;
+}
 
-bool CacheSource::CancelTransactionsBeingProcessed() { return true; }
+bool CacheSource::CancelTransactionsBeingProcessed() {
+  return true;
+}
 
 }  // namespace Orvane

@@ -10,7 +10,9 @@ namespace {
 constexpr const char* kHeaderFile = "public_include/SharedObject";
 
 // `long` has 32 bits on one host and 64 on the other; both answer the same number.
-long ToCount(std::uint32_t count) { return static_cast<long>(static_cast<std::int32_t>(count)); }
+long ToCount(std::uint32_t count) {
+  return static_cast<long>(static_cast<std::int32_t>(count));
+}
 
 }  // namespace
 
@@ -35,11 +37,17 @@ long SharedObject::DecRef(const char*, const char*, unsigned long) {
   return ToCount(count);
 }
 
-long SharedObject::GetRefCount() { return ToCount(referenceCounter_->Get()); }
+long SharedObject::GetRefCount() {
+  return ToCount(referenceCounter_->Get());
+}
 
-void SharedObject::BeginThreadSafeModify() { modifyLock_->Enter(); }
+void SharedObject::BeginThreadSafeModify() {
+  modifyLock_->Enter();
+}
 
-void SharedObject::FinishThreadSafeModify() { modifyLock_->Leave(); }
+void SharedObject::FinishThreadSafeModify() {
+  modifyLock_->Leave();
+}
 
 void SharedObject::EnableLeakedObjectsLogging(std::size_t, std::size_t) {}
 
@@ -47,14 +55,17 @@ void SharedObject::DisableLeakedObjectsLogging() {}
 
 void SharedObject::PrintLeakedObjectsToDebugger() {}
 
-bool SharedObject::IsLeakedObjectLoggingEnabled() { return false; }
+bool SharedObject::IsLeakedObjectLoggingEnabled() {
+  return false;
+}
 
 SharedObjectAutoRef::SharedObjectAutoRef(SharedObject* object) : object_(object) {
   if (object_) object_->AddRef(kHeaderFile, "Orvane::SharedObjectAutoRef::SharedObjectAutoRef", 65);
 }
 
 SharedObjectAutoRef::~SharedObjectAutoRef() {
-  if (object_) object_->DecRef(kHeaderFile, "Orvane::SharedObjectAutoRef::~SharedObjectAutoRef", 70);
+  if (object_)
+    object_->DecRef(kHeaderFile, "Orvane::SharedObjectAutoRef::~SharedObjectAutoRef", 70);
 }
 
 }  // namespace Orvane

@@ -106,7 +106,9 @@ void FileSource::PreRead(std::uint64_t offset, std::uint64_t size, std::uint32_t
 void FileSource::PreReadNonCached(std::uint64_t, std::uint64_t, std::uint32_t,
                                   MTThread::MTPriority) {}
 
-bool FileSource::SupportsPreReads() { return false; }
+bool FileSource::SupportsPreReads() {
+  return false;
+}
 
 FileSource::Result_t FileSource::Write(std::uint64_t offset, Buffer* buffer,
                                        std::uint64_t* bytesWritten) {
@@ -123,8 +125,7 @@ FileSource::Result_t FileSource::WriteWithList(std::uint64_t offset, BufferList*
 }
 
 FileSource::Result_t FileSource::WriteAsync(std::uint64_t offset, Buffer* buffer,
-                                            ResultCallbackBuffer* callback,
-                                            std::uint32_t dueTime) {
+                                            ResultCallbackBuffer* callback, std::uint32_t dueTime) {
   return StartWithBuffer(this, &FileSource::WriteAsyncWithList, offset, buffer, callback, dueTime,
                          {"Orvane::FileSource::WriteAsync", 351});
 }
@@ -136,14 +137,22 @@ FileSource::Result_t FileSource::WriteAsyncWithList(std::uint64_t offset, Buffer
   return WriteAsyncWithListNonCached(offset, list, callback, dueTime);
 }
 
-void FileSource::Cancel() { CancelNonCached(); }
+void FileSource::Cancel() {
+  CancelNonCached();
+}
 
-FileSource::Result_t FileSource::ReadTransaction(CacheTransaction*) { return kResultNotSupported; }
+FileSource::Result_t FileSource::ReadTransaction(CacheTransaction*) {
+  return kResultNotSupported;
+}
 
-void FileSource::CancelAllTransactions() { CancelNonCached(); }
+void FileSource::CancelAllTransactions() {
+  CancelNonCached();
+}
 
 void FileSource::PreReadTransaction(CacheTransaction*) {}
 
-bool FileSource::SupportsPreReadTransactions() { return SupportsPreReads(); }
+bool FileSource::SupportsPreReadTransactions() {
+  return SupportsPreReads();
+}
 
 }  // namespace Orvane

@@ -11,7 +11,9 @@ constexpr const char* kFile = "source/FileAbstraction/FileSource";
 constexpr const char* kConstructor = "ResultCallbackWrapper::ResultCallbackWrapper";
 constexpr std::uint32_t kWithoutLimit = 0xFFFFFFFF;
 
-std::uint32_t Encode(CacheSource::Result_t result) { return static_cast<std::uint32_t>(result); }
+std::uint32_t Encode(CacheSource::Result_t result) {
+  return static_cast<std::uint32_t>(result);
+}
 
 }  // namespace
 

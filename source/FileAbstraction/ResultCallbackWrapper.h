@@ -40,11 +40,11 @@ class ResultCallbackWrapper : public FileSource::ResultCallbackBufferList, priva
   void ReleaseList();
   CacheSource::Result_t GetResult();
 
-  const std::unique_ptr<MTSemaphore> semaphore_;         // null: asynchronous
-  FileSource::ResultCallbackBuffer* const callback_;     // one reference, or null
-  const std::unique_ptr<MTAtomicUnsigned32> result_;     // a Result_t; kResultPending until known
-  std::uint64_t bytes_ = 0;                              // written before result_
-  BufferList* list_ = nullptr;                           // one reference, or null
+  const std::unique_ptr<MTSemaphore> semaphore_;      // null: asynchronous
+  FileSource::ResultCallbackBuffer* const callback_;  // one reference, or null
+  const std::unique_ptr<MTAtomicUnsigned32> result_;  // a Result_t; kResultPending until known
+  std::uint64_t bytes_ = 0;                           // written before result_
+  BufferList* list_ = nullptr;                        // one reference, or null
 };
 
 }  // namespace Orvane

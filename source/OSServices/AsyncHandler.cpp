@@ -123,11 +123,17 @@ void AsyncHandler::BeginClose(HostFile* file) {
   file->closing_ = true;
 }
 
-bool AsyncHandler::IsRunning() { return state_->Get() == kRunning; }
+bool AsyncHandler::IsRunning() {
+  return state_->Get() == kRunning;
+}
 
-bool AsyncHandler::IsAbandoned() { return state_->Get() == kAbandoned; }
+bool AsyncHandler::IsAbandoned() {
+  return state_->Get() == kAbandoned;
+}
 
-void AsyncHandler::AbandonAfterFork() { AtomicExchange(state_.get(), kAbandoned); }
+void AsyncHandler::AbandonAfterFork() {
+  AtomicExchange(state_.get(), kAbandoned);
+}
 
 std::size_t AsyncHandler::GetNumberOfSlotsInUse() {
   CritSecLock lock(slotLock_.get());
@@ -185,7 +191,9 @@ bool AsyncHandler::TakeControl(std::uint32_t bit) {
   }
 }
 
-bool AsyncHandler::IsOnWorker() const { return workerOfThisThread == this; }
+bool AsyncHandler::IsOnWorker() const {
+  return workerOfThisThread == this;
+}
 
 void AsyncHandler::SetWorkerOfThisThread(const AsyncHandler* handler) {
   workerOfThisThread = handler;

@@ -22,17 +22,19 @@ namespace Orvane {
 //
 // States of a slot:
 //
-// | state     | where it shows             | meaning                                | left by          |
+// | state     | where it shows             | meaning                                | left by |
 // |-----------|----------------------------|----------------------------------------|------------------|
-// | free      | freeSlots_                 | nobody uses it                         | Submit           |
-// | claimed   | in neither set             | a submitter locks the list's buffers   | queueing, refusal|
-// | queued    | activeSlots_, queue_       | waits to be issued                     | issue pass,cancel|
-// | issued    | activeSlots_, slot.issued  | the host has the buffers               | completion       |
-// | collected | + slot.collected           | cancelled, the host has let go         | its report       |
+// | free      | freeSlots_                 | nobody uses it                         | Submit | |
+// claimed   | in neither set             | a submitter locks the list's buffers   | queueing,
+// refusal| | queued    | activeSlots_, queue_       | waits to be issued                     |
+// issue pass,cancel| | issued    | activeSlots_, slot.issued  | the host has the buffers |
+// completion       | | collected | + slot.collected           | cancelled, the host has let go |
+// its report       |
 //
 // A claimed slot belongs to its submitter, an active one to the worker thread. The sets and the
 // queue change under slotLock_; a slot is filled and queued in one section. Every issue gives the
-// slot a new generation, which its completion must carry: any other completion is stale and ignored.
+// slot a new generation, which its completion must carry: any other completion is stale and
+// ignored.
 //
 // Reports. A request is retired before it is reported: its buffers are unlocked, its list is no
 // longer used, its slot is free. Then, with no lock held, the callback runs on the worker thread,
@@ -40,9 +42,9 @@ namespace Orvane {
 // callback is logged.
 //
 // Cancelling. The worker asks the host to give up each transfer and collects its completion before
-// it reports: whoever sees the report may free or reuse the memory. From another thread Cancel waits
-// until that is done for all, while the worker goes on serving other requests; inside a callback the
-// worker waits in place. So every operation here may be called from a callback.
+// it reports: whoever sees the report may free or reuse the memory. From another thread Cancel
+// waits until that is done for all, while the worker goes on serving other requests; inside a
+// callback the worker waits in place. So every operation here may be called from a callback.
 //
 // Locks: cancelLock_ (one cancel at a time) before slotLock_ (leaf: nothing is called under it but
 // atomic counters).

@@ -51,8 +51,8 @@ bool AsyncHandler::AttachPort() {
   }
 }
 
-// Nothing in there throws but code of the application in a place where none is expected, a reference
-// count for instance. The other requests of the process must not suffer for it.
+// Nothing in there throws but code of the application in a place where none is expected, a
+// reference count for instance. The other requests of the process must not suffer for it.
 void AsyncHandler::RunUntilStopped() {
   while (!(control_->Get() & kStop)) {
     try {
@@ -153,7 +153,8 @@ void AsyncHandler::IssueSlot(std::uint32_t index) {
 bool AsyncHandler::NextCompletion(AsyncPort::Completion* completion) {
   // Nothing is left in the queue, so no deadline can pass meanwhile: Submit wakes the port.
   if (ready_.IsEmpty()) return port_->Wait(AsyncPort::kWaitForEver, completion);
-  // In turns: a file whose transfers fail at once, again and again, must not keep the others waiting.
+  // In turns: a file whose transfers fail at once, again and again, must not keep the others
+  // waiting.
   portsTurn_ = !portsTurn_;
   if (portsTurn_ && port_->Wait(0, completion)) return true;
   *completion = readyCompletions_[ready_.PopFront()];
@@ -185,8 +186,8 @@ void AsyncHandler::OnCompletion(const AsyncPort::Completion& completion) {
     slot.bytesTransferred = std::min(slot.bytesTransferred, slot.issuedFrom);
     result = EndOfDataResult(slot);
   } else if (completion.outcome == AsyncPort::Outcome::kRefused) {
-    // Asked for exactly the rest behind a cut page, where the host moves whole blocks only: then the
-    // page came short because the data ends there, a file that shrank for instance.
+    // Asked for exactly the rest behind a cut page, where the host moves whole blocks only: then
+    // the page came short because the data ends there, a file that shrank for instance.
     const bool askedForTheRest = slot.issuedFrom % PhysMemInterface::GetPageSize() != 0;
     if (askedForTheRest && slot.direction == kRead) result = EndOfDataResult(slot);
   } else if (completion.outcome == AsyncPort::Outcome::kMoved) {
@@ -240,8 +241,8 @@ FileSource::Result_t AsyncHandler::EndOfDataResult(const Slot& slot) {
 }
 
 // From a callback, so in place. Re-entrant: a callback that is run here may cancel again. What an
-// outer cancel has marked but not reported yet is reported by an inner one for the same file, so that
-// nothing of the file is outstanding when the inner one returns.
+// outer cancel has marked but not reported yet is reported by an inner one for the same file, so
+// that nothing of the file is outstanding when the inner one returns.
 void AsyncHandler::CancelOnWorker(HostFile* file) {
   Collect(StartCancel(file, FileSource::kResultFailed));
   ReportCollected(file);

@@ -19,10 +19,10 @@ class AsyncPort {
     std::uint32_t slot;        // below the handler's number of slots; one transfer each at a time
     std::uint32_t generation;  // of the slot; comes back with the completion
     bool write;
-    HostFile* file;            // made by the same host; kept alive by the handler
-    std::uint64_t offset;      // bytes
-    const MemoryRun* runs;     // what to move, in order; unchanged until the completion
-    std::size_t runCount;      // at least 1
+    HostFile* file;         // made by the same host; kept alive by the handler
+    std::uint64_t offset;   // bytes
+    const MemoryRun* runs;  // what to move, in order; unchanged until the completion
+    std::size_t runCount;   // at least 1
   };
 
   enum class Outcome {

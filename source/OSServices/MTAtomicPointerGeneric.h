@@ -12,7 +12,9 @@ class MTAtomicPointerGeneric : public MTAtomicPointer {
       : MTAtomicPointer(initial), bits_(bits) {}
   ~MTAtomicPointerGeneric() override { delete bits_; }
 
-  void* Get() override { return reinterpret_cast<void*>(static_cast<std::uintptr_t>(bits_->Get())); }
+  void* Get() override {
+    return reinterpret_cast<void*>(static_cast<std::uintptr_t>(bits_->Get()));
+  }
   bool CompareAndSwap(void* expected, void* desired) override {
     return bits_->CompareAndSwap(reinterpret_cast<std::uintptr_t>(expected),
                                  reinterpret_cast<std::uintptr_t>(desired));

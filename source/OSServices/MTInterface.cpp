@@ -25,7 +25,9 @@ MTInterfaceImp* Imp() {
 MTInterfaceImp::MTInterfaceImp() = default;
 MTInterfaceImp::~MTInterfaceImp() = default;
 
-MTCritSec* MTInterface::NewCritSec() { return Imp()->NewCritSec(); }
+MTCritSec* MTInterface::NewCritSec() {
+  return Imp()->NewCritSec();
+}
 
 MTSemaphore* MTInterface::NewSemaphore(std::uint32_t maxCount, std::uint32_t initialCount) {
   return Imp()->NewSemaphore(maxCount, initialCount);
@@ -62,9 +64,13 @@ std::uint64_t MTInterface::GetCPUCount() {
   return cpuCount;
 }
 
-std::int64_t MTInterface::GetCurrentThreadID() { return Imp()->GetCurrentThreadID(); }
+std::int64_t MTInterface::GetCurrentThreadID() {
+  return Imp()->GetCurrentThreadID();
+}
 
-std::uint64_t MTInterface::GetCurrentTimeMicro() { return Imp()->GetCurrentTimeMicro(); }
+std::uint64_t MTInterface::GetCurrentTimeMicro() {
+  return Imp()->GetCurrentTimeMicro();
+}
 
 std::uint32_t MTInterface::GetCurrentTimeMilli() {
   return static_cast<std::uint32_t>(GetCurrentTimeMicro() / 1000);
@@ -78,7 +84,9 @@ std::uint32_t MTInterface::GetProcessUniqueID() {
   }
 }
 
-void MTInterface::DebugString(const char* text) { installedImp->DebugString(text); }
+void MTInterface::DebugString(const char* text) {
+  installedImp->DebugString(text);
+}
 
 void MTInterface::InstallImplementation(MTInterfaceImp* imp) {
   if (!imp) throw kNotInstalled;

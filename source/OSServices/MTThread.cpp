@@ -32,7 +32,9 @@ bool MTThread::Terminate(std::uint32_t timeoutMs) {
   return true;
 }
 
-bool MTThread::IsTerminating() { return terminating_->Get() != 0; }
+bool MTThread::IsTerminating() {
+  return terminating_->Get() != 0;
+}
 
 void MTThread::Run() {
   if (body_) {
@@ -45,9 +47,13 @@ void MTThread::Run() {
   doneSemaphore_->Release(1);
 }
 
-MTThreadBody* MTThread::GetBody() { return bodySet_->Get() ? body_ : nullptr; }
+MTThreadBody* MTThread::GetBody() {
+  return bodySet_->Get() ? body_ : nullptr;
+}
 
-void MTThread::ForgetBody() { AtomicExchange(bodySet_, 0); }
+void MTThread::ForgetBody() {
+  AtomicExchange(bodySet_, 0);
+}
 
 bool MTThread::StopForDestruction() {
   constexpr std::uint32_t kDestructionTimeoutMs = 10000;

@@ -15,7 +15,9 @@ char* CopyName(const char* name) {
 
 NativeFileSource::NativeFileSource(const char* name) : name_(name ? CopyName(name) : nullptr) {}
 
-NativeFileSource::~NativeFileSource() { delete[] name_; }
+NativeFileSource::~NativeFileSource() {
+  delete[] name_;
+}
 
 bool NativeFileSource::SetName(const char* name) {
   if (!name) return false;
@@ -26,6 +28,8 @@ bool NativeFileSource::SetName(const char* name) {
   return true;
 }
 
-const char* NativeFileSource::GetName() { return name_; }
+const char* NativeFileSource::GetName() {
+  return name_;
+}
 
 }  // namespace Orvane

@@ -34,7 +34,9 @@ class ORVANE_SCOPED_CAPABILITY StateLock {
 NativeFileSourceAsync::NativeFileSourceAsync(const char* name, AsyncHandler* handler)
     : NativeFileSource(name), handler_(handler), stateLock_(MTInterface::NewCritSec()) {}
 
-NativeFileSourceAsync::~NativeFileSourceAsync() { NativeFileSourceAsync::Close(); }
+NativeFileSourceAsync::~NativeFileSourceAsync() {
+  NativeFileSourceAsync::Close();
+}
 
 bool NativeFileSourceAsync::Open(bool forRead, bool forWrite, bool create) {
   constexpr const char* kFunction = "Orvane::NativeFileSourceAsync::Open";
@@ -96,7 +98,9 @@ bool NativeFileSourceAsync::Delete() {
   return DeleteHostFile(name);
 }
 
-bool NativeFileSourceAsync::CanGatherReads() { return true; }
+bool NativeFileSourceAsync::CanGatherReads() {
+  return true;
+}
 
 FileSource::Result_t NativeFileSourceAsync::ReadAsyncWithListNonCached(
     std::uint64_t offset, BufferList* list, ResultCallbackBufferList* callback, std::uint32_t) {

@@ -12,7 +12,9 @@ bool initialized = false;
 
 }  // namespace
 
-void OSServices::Init() { InitWithExtensions(nullptr, nullptr, nullptr); }
+void OSServices::Init() {
+  InitWithExtensions(nullptr, nullptr, nullptr);
+}
 
 void OSServices::InitWithExtensions(MTInterfaceImp* mt, PhysMemInterfaceImp* physMem,
                                     NativeFileSysInterfaceImp* fileSys) {

@@ -2,7 +2,9 @@
 
 namespace Orvane {
 
-ReportScope::ReportScope() : outer_(Innermost()) { Innermost() = this; }
+ReportScope::ReportScope() : outer_(Innermost()) {
+  Innermost() = this;
+}
 
 ReportScope::~ReportScope() {
   Innermost() = outer_;

@@ -21,8 +21,8 @@ bool IsMadeOfPages(Buffer* buffer) {
   if (buffer->GetVirtualAddress() == address) return true;
   // The one that counts is that of the locked buffer.
   const BufferLockAuto lock(buffer);
-  return lock.IsLocked() && PhysMemInterface::GetNumberOfValidPagesForBuffer(
-                                buffer->GetVirtualAddress(), size) != 0;
+  return lock.IsLocked() &&
+         PhysMemInterface::GetNumberOfValidPagesForBuffer(buffer->GetVirtualAddress(), size) != 0;
 }
 
 void Advance(MemoryRun* run, std::size_t bytes) {

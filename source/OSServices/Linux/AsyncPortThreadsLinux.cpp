@@ -53,7 +53,9 @@ AsyncPortThreadsLinux::AsyncPortThreadsLinux()
   done_.reserve(AsyncHandler::kRequestSlots);
 }
 
-AsyncPortThreadsLinux::~AsyncPortThreadsLinux() { Detach(); }
+AsyncPortThreadsLinux::~AsyncPortThreadsLinux() {
+  Detach();
+}
 
 bool AsyncPortThreadsLinux::Attach() {
   try {

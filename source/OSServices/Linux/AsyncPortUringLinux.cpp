@@ -36,7 +36,9 @@ __kernel_timespec ToTimespec(std::uint32_t timeoutMs) {
 
 AsyncPortUringLinux::AsyncPortUringLinux() = default;
 
-AsyncPortUringLinux::~AsyncPortUringLinux() { Detach(); }
+AsyncPortUringLinux::~AsyncPortUringLinux() {
+  Detach();
+}
 
 bool AsyncPortUringLinux::Attach() {
   wakeEvent_ = eventfd(1, EFD_CLOEXEC);

@@ -3,9 +3,13 @@
 
 namespace Orvane {
 
-MTInterfaceImp* NewHostMTInterfaceImp() { return new MTInterfaceImpLinux; }
+MTInterfaceImp* NewHostMTInterfaceImp() {
+  return new MTInterfaceImpLinux;
+}
 
-PhysMemInterfaceImp* NewHostPhysMemInterfaceImp() { return new PhysMemInterfaceImpLinux; }
+PhysMemInterfaceImp* NewHostPhysMemInterfaceImp() {
+  return new PhysMemInterfaceImpLinux;
+}
 
 NativeFileSysInterfaceImp* NewHostNativeFileSysInterfaceImp() {
   return new NativeFileSysInterfaceImpLinux;

@@ -20,8 +20,8 @@ int OpenRetrying(const char* name, int flags) {
 
 // The file systems of local devices and of memory, and devices themselves.
 bool IsServedByKernel(int descriptor) {
-  struct stat status{};
-  struct statfs system{};
+  struct stat status {};
+  struct statfs system {};
   if (fstat(descriptor, &status) != 0 || fstatfs(descriptor, &system) != 0) return false;
   if (!S_ISREG(status.st_mode)) return true;
   switch (system.f_type) {
@@ -66,7 +66,7 @@ HostFileLinux::~HostFileLinux() {
 }
 
 bool HostFileLinux::IsAtEnd(std::uint64_t position) const {
-  struct stat status{};
+  struct stat status {};
   if (descriptor_ < 0 || fstat(descriptor_, &status) != 0) return false;
   return S_ISREG(status.st_mode) && status.st_size > 0 &&
          position >= static_cast<std::uint64_t>(status.st_size);

@@ -24,7 +24,8 @@ struct HostVector {
 };
 HostVector ToHostVector(const AsyncPort::Transfer& transfer);
 
-// A call that was interrupted is made again, but not for ever: a file system may answer so for good.
+// A call that was interrupted is made again, but not for ever: a file system may answer so for
+// good.
 inline constexpr int kMaxInterruptions = 100;
 
 // The kernel moves at most this many bytes per call, whatever it is asked for.

@@ -24,10 +24,11 @@ MTInterfaceImpLinux::MTInterfaceImpLinux() {
 
 MTInterfaceImpLinux::~MTInterfaceImpLinux() = default;
 
-MTCritSec* MTInterfaceImpLinux::NewCritSec() { return new MTCritSecLinux; }
+MTCritSec* MTInterfaceImpLinux::NewCritSec() {
+  return new MTCritSecLinux;
+}
 
-MTSemaphore* MTInterfaceImpLinux::NewSemaphore(std::uint32_t maxCount,
-                                               std::uint32_t initialCount) {
+MTSemaphore* MTInterfaceImpLinux::NewSemaphore(std::uint32_t maxCount, std::uint32_t initialCount) {
   return new MTSemaphoreLinux(maxCount, initialCount);
 }
 

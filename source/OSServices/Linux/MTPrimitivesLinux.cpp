@@ -16,8 +16,12 @@ namespace {
 constexpr std::uint64_t kOneWaiter = std::uint64_t{1} << 32;
 constexpr std::uint32_t kWithoutLimit = 0xFFFFFFFF;
 
-std::uint32_t CountOf(std::uint64_t state) { return static_cast<std::uint32_t>(state); }
-std::uint32_t WaitersOf(std::uint64_t state) { return static_cast<std::uint32_t>(state >> 32); }
+std::uint32_t CountOf(std::uint64_t state) {
+  return static_cast<std::uint32_t>(state);
+}
+std::uint32_t WaitersOf(std::uint64_t state) {
+  return static_cast<std::uint32_t>(state >> 32);
+}
 
 std::uint32_t* CountWord(std::atomic<std::uint64_t>* state) {
   static_assert(sizeof(std::atomic<std::uint64_t>) == sizeof(std::uint64_t));
@@ -47,11 +51,17 @@ MTCritSecLinux::MTCritSecLinux() {
   pthread_mutexattr_destroy(&attributes);
 }
 
-MTCritSecLinux::~MTCritSecLinux() { pthread_mutex_destroy(&mutex_); }
+MTCritSecLinux::~MTCritSecLinux() {
+  pthread_mutex_destroy(&mutex_);
+}
 
-void MTCritSecLinux::Enter() { pthread_mutex_lock(&mutex_); }
+void MTCritSecLinux::Enter() {
+  pthread_mutex_lock(&mutex_);
+}
 
-void MTCritSecLinux::Leave() { pthread_mutex_unlock(&mutex_); }
+void MTCritSecLinux::Leave() {
+  pthread_mutex_unlock(&mutex_);
+}
 
 MTSemaphoreLinux::MTSemaphoreLinux(std::uint32_t maxCount, std::uint32_t initialCount)
     : MTSemaphore(maxCount, initialCount),
@@ -126,11 +136,17 @@ MTAtomicUnsigned32Linux::MTAtomicUnsigned32Linux(std::uint32_t initial)
 
 MTAtomicUnsigned32Linux::~MTAtomicUnsigned32Linux() = default;
 
-std::uint32_t MTAtomicUnsigned32Linux::Get() { return value_.load(); }
+std::uint32_t MTAtomicUnsigned32Linux::Get() {
+  return value_.load();
+}
 
-std::uint32_t MTAtomicUnsigned32Linux::Increment() { return value_.fetch_add(1) + 1; }
+std::uint32_t MTAtomicUnsigned32Linux::Increment() {
+  return value_.fetch_add(1) + 1;
+}
 
-std::uint32_t MTAtomicUnsigned32Linux::Decrement() { return value_.fetch_sub(1) - 1; }
+std::uint32_t MTAtomicUnsigned32Linux::Decrement() {
+  return value_.fetch_sub(1) - 1;
+}
 
 bool MTAtomicUnsigned32Linux::CompareAndSwap(std::uint32_t expected, std::uint32_t desired) {
   return value_.compare_exchange_strong(expected, desired);
@@ -141,7 +157,9 @@ MTAtomicUnsigned64Linux::MTAtomicUnsigned64Linux(std::uint64_t initial)
 
 MTAtomicUnsigned64Linux::~MTAtomicUnsigned64Linux() = default;
 
-std::uint64_t MTAtomicUnsigned64Linux::Get() { return value_.load(); }
+std::uint64_t MTAtomicUnsigned64Linux::Get() {
+  return value_.load();
+}
 
 std::uint64_t MTAtomicUnsigned64Linux::Increment() {
   return static_cast<std::uint32_t>(value_.fetch_add(1) + 1);

@@ -14,7 +14,8 @@ namespace Orvane {
 // Made by MTInterfaceImpLinux::NewThread, owned by its caller. The POSIX thread is joined by
 // the Terminate that reaps it or by the destructor, so that the done semaphore is not deleted under
 // it. It does not end before affinity and priority have been set: its host id would be free for
-// somebody else's thread. Differences from the other host: there the run-time library closes the handle.
+// somebody else's thread. Differences from the other host: there the run-time library closes the
+// handle.
 class MTThreadLinux : public MTThread {
  public:
   MTThreadLinux(MTThreadBody* body, MTPriority priority, std::uint64_t processorMask);
@@ -35,10 +36,10 @@ class MTThreadLinux : public MTThread {
   const MTPriority priority_;
   const std::uint64_t processorMask_;
   pthread_t handle_{};
-  pid_t hostThreadID_ = 0;          // written by the new thread before `announced_`
-  MTSemaphoreLinux announced_;      // released once the new thread has an id
-  MTSemaphoreLinux adjusted_;       // released once affinity and priority are set
-  MTCritSecLinux joinLock_;          // whoever reaps second returns after the join, too
+  pid_t hostThreadID_ = 0;      // written by the new thread before `announced_`
+  MTSemaphoreLinux announced_;  // released once the new thread has an id
+  MTSemaphoreLinux adjusted_;   // released once affinity and priority are set
+  MTCritSecLinux joinLock_;     // whoever reaps second returns after the join, too
   bool joinable_ ORVANE_GUARDED_BY(joinLock_) = false;  // from the start to the join
 };
 

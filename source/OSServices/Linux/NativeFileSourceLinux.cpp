@@ -16,6 +16,8 @@ HostFile* NativeFileSourceLinux::OpenHostFile(const char* name, bool forRead, bo
   return new HostFileLinux(name, forRead, forWrite, create);
 }
 
-bool NativeFileSourceLinux::DeleteHostFile(const char* name) { return unlink(name) == 0; }
+bool NativeFileSourceLinux::DeleteHostFile(const char* name) {
+  return unlink(name) == 0;
+}
 
 }  // namespace Orvane

@@ -63,7 +63,9 @@ NativeFileSource* NativeFileSysInterfaceImpLinux::NewNativeFileSource(const char
   return new NativeFileSourceLinux(name, ProcessHandler(wanted_));
 }
 
-void NativeFileSysInterfaceImpLinux::Installed() { ProcessHandler(wanted_); }
+void NativeFileSysInterfaceImpLinux::Installed() {
+  ProcessHandler(wanted_);
+}
 
 NativeFileSysInterfaceImpLinux::Engine NativeFileSysInterfaceImpLinux::GetEngine() {
   return runningEngine;
