@@ -56,7 +56,12 @@ AsyncHandler::AsyncHandler(PortFactory makePort)
   } catch (const char*) {
     return;  // no worker: every request is refused
   }
-  if (thread_) started_->Wait(AsyncPort::kWaitForEver, 1);
+  if (!thread_) return;
+  started_->Wait(AsyncPort::kWaitForEver, 1);
+  if (IsRunning()) return;
+  // No port could be attached; the worker has nothing to do and is on its way out.
+  thread_->Terminate(AsyncPort::kWaitForEver);
+  thread_.reset();
 }
 
 AsyncHandler::~AsyncHandler() {
