@@ -120,12 +120,12 @@ class ORVANE_EXPORT MTThreadBody {
 
 // A running thread, made and started by MTInterface::NewThread.
 //
-// | state               | meaning                                | left by |
-// |---------------------|----------------------------------------|---------------------------------|
-// | running             | the body runs                          | Terminate, return of the body |
-// | terminate requested | IsTerminating() is true                | return of the body | | finished
-// | the body returned or threw             | a Terminate that sees it        | | reaped | Terminate
-// answered true                | deletion                        |
+// | state               | meaning                    | left by                       |
+// |---------------------|----------------------------|-------------------------------|
+// | running             | the body runs              | Terminate, return of the body |
+// | terminate requested | IsTerminating() is true    | return of the body            |
+// | finished            | the body returned or threw | a Terminate that sees it      |
+// | reaped              | Terminate answered true    | deletion                      |
 //
 // The owner deletes the thread after Terminate answered true. The destructor itself asks a body
 // that was not reaped to finish and waits at most 10 seconds; KEPT: a body that takes longer goes

@@ -22,15 +22,15 @@ namespace Orvane {
 //
 // States of a slot:
 //
-// | state     | where it shows             | meaning                                | left by |
-// |-----------|----------------------------|----------------------------------------|------------------|
-// | free      | freeSlots_                 | nobody uses it                         | Submit | |
-// claimed   | in neither set             | a submitter locks the list's buffers   | queueing,
-// refusal| | queued    | activeSlots_, queue_       | waits to be issued                     |
-// issue pass,cancel| | issued    | activeSlots_, slot.issued  | the host has the buffers |
-// completion       | | collected | + slot.collected           | cancelled, the host has let go |
-// its report       |
+// | state     | where it shows            | meaning                              | left by       |
+// |-----------|---------------------------|--------------------------------------|---------------|
+// | free      | freeSlots_                | nobody uses it                       | Submit        |
+// | claimed   | in neither set            | a submitter locks the list's buffers | its queueing  |
+// | queued    | activeSlots_, queue_      | waits to be issued                   | issue, cancel |
+// | issued    | activeSlots_, slot.issued | the host has the buffers             | completion    |
+// | collected | + slot.collected          | cancelled, the host has let go       | its report    |
 //
+// A slot whose request is refused goes from claimed back to free.
 // A claimed slot belongs to its submitter, an active one to the worker thread. The sets and the
 // queue change under slotLock_; a slot is filled and queued in one section. Every issue gives the
 // slot a new generation, which its completion must carry: any other completion is stale and

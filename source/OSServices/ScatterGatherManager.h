@@ -36,8 +36,9 @@ class ScatterGatherManager {
   // Idle to in use. False, with nothing locked or referenced, for null, for a list without buffers,
   // while another one is in use, before page memory is installed, if a buffer is not made of whole
   // aligned pages or does not lock, and when memory for the arrays is short.
-  // Every buffer is examined before the first is locked: BufferList::LockAllBuffers unlocks one
-  // buffer too many when it fails, so that must not happen here.
+  // Every buffer is examined by itself first, if need be locked for the look alone:
+  // BufferList::LockAllBuffers unlocks one buffer too many when it fails a check, so that must not
+  // happen here. What Lock or Unlock of a buffer throw is caught and logged.
   bool StartUsingBufferList(BufferList* list);
   // In use to idle; the list may be gone afterwards. Always true, also when idle.
   bool StopUsingBufferList();
