@@ -15,6 +15,7 @@
 #include "Buffer.h"
 #include "BufferList.h"
 #include "ChildProcess.h"
+#include "LockOrderChecker.h"
 #include "MTInterface.h"
 #include "OSServices.h"
 #include "OSServicesHost.h"
@@ -53,7 +54,7 @@ class ForkTest : public ::testing::TestWithParam<Engine> {
   // The library with this engine, in a process of its own, and an open file.
   void Run(const std::function<void()>& facts) {
     InChild([this, facts] {
-      OSServices::InitWithExtensions(nullptr, nullptr,
+      OSServices::InitWithExtensions(new OrderCheckingMTInterface, nullptr,
                                      new NativeFileSysInterfaceImpHost(GetParam()));
       const std::string name =
           (std::filesystem::temp_directory_path() / ("orvane-fork-" + std::to_string(getpid())))

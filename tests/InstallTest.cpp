@@ -12,8 +12,10 @@
 #include <vector>
 
 #include "Buffer.h"
+#include "BufferFactory.h"
 #include "CacheSource.h"
 #include "ChildProcess.h"
+#include "LockOrderChecker.h"
 #include "OSServices.h"
 #include "OSServices/AsyncHandler.h"
 #include "OSServicesHost.h"
@@ -30,7 +32,7 @@ constexpr const char* kTwice = "OSServices Already Initialized";
 std::vector<std::string> calls;
 
 // The host's threading with an answer changed here and there.
-class ChangedThreading : public MTInterfaceImpHost {
+class ChangedThreading : public OrderCheckingMTInterface {
  public:
   std::uint64_t processors = 3;
   std::uint32_t firstCount = 0;  // of the 32-bit counters
@@ -39,7 +41,12 @@ class ChangedThreading : public MTInterfaceImpHost {
   int threadsLeft = 1000;
   bool threadsAreNull = false;  // else a refusal throws
   std::string text;
+  std::vector<LockClass> lockClasses;  // of the sections, in the order in which they were made
 
+  MTCritSec* NewCritSec() override {
+    lockClasses.push_back(GetLockClassBeingMade());
+    return OrderCheckingMTInterface::NewCritSec();
+  }
   MTSemaphore* NewSemaphore(std::uint32_t maxCount, std::uint32_t initialCount) override {
     return makesSemaphores ? MTInterfaceImpHost::NewSemaphore(maxCount, initialCount) : nullptr;
   }
@@ -258,6 +265,21 @@ TEST(InstallTest, ImplementationsOfTheApplicationAreUsed) {
     NativeFileSysInterface::NewNativeFileSource("name");
     EXPECT_EQ(std::vector<std::string>{"name"}, files->names);
     EXPECT_STREQ("none", NativeFileSysInterfaceImpHost::GetEngineName());
+  });
+}
+
+TEST(InstallTest, ImplementationsCanAskForTheClassOfASection) {
+  InChild([] {
+    auto* const threads = new ChangedThreading;
+    OSServices::InitWithExtensions(threads, nullptr, new NoFiles);
+    threads->lockClasses.clear();
+    delete MTInterface::NewCritSec();
+    delete NewCritSec(LockClass::kBlock);
+    auto* const factory = new BufferFactoryHeap;
+    EXPECT_EQ((std::vector<LockClass>{LockClass::kOther, LockClass::kBlock,
+                                      LockClass::kSharedObjectModify, LockClass::kFactory}),
+              threads->lockClasses);
+    factory->DecRef("tests", "ImplementationsCanAskForTheClassOfASection", 0);
   });
 }
 

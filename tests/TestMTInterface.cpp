@@ -107,7 +107,7 @@ void TestMTInterface::StartNextAtomicAt(std::uint32_t initial) {
 
 MTCritSec* TestMTInterface::NewCritSec() {
   if (!MayCreate(/*isAtomic=*/false)) return nullptr;
-  return new CountedCritSec(MTInterfaceImpHost::NewCritSec(), &critSecs_);
+  return new CountedCritSec(OrderCheckingMTInterface::NewCritSec(), &critSecs_);
 }
 
 MTSemaphore* TestMTInterface::NewSemaphore(std::uint32_t maxCount, std::uint32_t initialCount) {

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "OSServicesHost.h"
+#include "LockOrderChecker.h"
 
 namespace Orvane {
 
@@ -22,8 +22,9 @@ struct LiveCounts {
 };
 
 // Installed once for the whole test program. Forwards everything to the host; counts what lives,
-// shifts the clock, keeps what is sent to the debugger, and fails on command. Safe from any thread.
-class TestMTInterface : public MTInterfaceImpHost {
+// shifts the clock, keeps what is sent to the debugger, and fails on command. Its sections report
+// to the checker of the lock order. Safe from any thread.
+class TestMTInterface : public OrderCheckingMTInterface {
  public:
   enum FailureMode { kThrow, kNull };
   enum FailureKind { kAnyPrimitive, kAtomicsOnly };

@@ -1,4 +1,5 @@
-// orvane_tests [--engine=auto|uring|threads] [--dir=PATH] [options of the test framework]
+// orvane_tests [--engine=auto|uring|threads] [--dir=PATH] [--print-lock-order]
+//              [options of the test framework]
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -7,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "LockOrderChecker.h"
 #include "OSServices.h"
 #include "OSServicesHost.h"
 #include "OrvaneTest.h"
@@ -19,6 +21,7 @@ using Engine = Orvane::NativeFileSysInterfaceImpHost::Engine;
 struct Options {
   std::string engine = "auto";
   std::string directory;
+  bool printLockOrder = false;
 };
 
 bool TakeOption(std::string_view argument, std::string_view name, std::string* value) {
@@ -31,6 +34,10 @@ bool ParseOptions(int count, char** arguments, Options* options) {
   for (int i = 1; i < count; ++i) {
     if (TakeOption(arguments[i], "--engine=", &options->engine)) continue;
     if (TakeOption(arguments[i], "--dir=", &options->directory)) continue;
+    if (arguments[i] == std::string_view("--print-lock-order")) {
+      options->printLockOrder = true;
+      continue;
+    }
     std::cerr << "unknown argument " << arguments[i] << "\n";
     return false;
   }
@@ -80,6 +87,7 @@ int main(int argc, char** argv) {
             << ", running: " << Orvane::NativeFileSysInterfaceImpHost::GetEngineName()
             << "; directory: " << options.directory << std::endl;
   const int result = RUN_ALL_TESTS();
+  if (options.printLockOrder) std::cout << Orvane::LockOrderChecker::Get().GetEdges();
   if (temporary) std::filesystem::remove_all(options.directory);
   return result;
 }

@@ -4,8 +4,8 @@
 #include <limits>
 
 #include "Buffer.h"
-#include "MTInterface.h"
 #include "OSServices/CritSecLock.h"
+#include "OSServices/LockClass.h"
 #include "PhysMemInterface.h"
 #include "ScopedRelease.h"
 #include "SharedObjectList.h"
@@ -24,7 +24,7 @@ BufferFactory::BufferFactory() = default;
 BufferFactory::~BufferFactory() = default;
 
 BufferFactoryCommon::BufferFactoryCommon()
-    : lock_(MTInterface::NewCritSec()), bufferSize_(0), pool_(nullptr) {}
+    : lock_(NewCritSec(LockClass::kFactory)), bufferSize_(0), pool_(nullptr) {}
 
 BufferFactoryCommon::~BufferFactoryCommon() {
   {

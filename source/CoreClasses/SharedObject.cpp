@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "MTInterface.h"
+#include "OSServices/LockClass.h"
 
 namespace Orvane {
 namespace {
@@ -18,7 +19,7 @@ long ToCount(std::uint32_t count) {
 
 SharedObject::SharedObject() : trackingValue_(0xFFFFFFFF) {
   std::unique_ptr<MTAtomicUnsigned32> counter(MTInterface::NewAtomicUnsigned32(1));
-  modifyLock_ = MTInterface::NewCritSec();
+  modifyLock_ = NewCritSec(LockClass::kSharedObjectModify);
   referenceCounter_ = counter.release();
 }
 

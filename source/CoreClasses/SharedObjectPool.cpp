@@ -1,5 +1,5 @@
-#include "MTInterface.h"
 #include "OSServices/CritSecLock.h"
+#include "OSServices/LockClass.h"
 #include "ScopedRelease.h"
 #include "SharedObjectList.h"
 
@@ -14,7 +14,7 @@ constexpr const char* kDestructor = "Orvane::SharedObjectPool::~SharedObjectPool
 SharedObjectPool::SharedObjectPool(std::size_t capacity) : capacity_(capacity) {
   ScopedRelease<SharedObjectList> freeList(new SharedObjectList, kFile, kDestructor, 27);
   ScopedRelease<SharedObjectList> inUseList(new SharedObjectList, kFile, kDestructor, 28);
-  lock_ = MTInterface::NewCritSec();
+  lock_ = NewCritSec(LockClass::kPool);
   freeList_ = freeList.Take();
   inUseList_ = inUseList.Take();
 }

@@ -7,6 +7,7 @@
 #include "OSServices/AsyncHandlerWorker.h"
 #include "OSServices/AtomicValue.h"
 #include "OSServices/CritSecLock.h"
+#include "OSServices/LockClass.h"
 
 namespace Orvane {
 namespace {
@@ -47,8 +48,8 @@ AsyncHandler::AsyncHandler(PortFactory makePort)
       cancelDone_(MTInterface::NewSemaphore(1, 0)),
       state_(MTInterface::NewAtomicUnsigned32(kNotRunning)),
       control_(MTInterface::NewAtomicUnsigned32(0)),
-      cancelLock_(MTInterface::NewCritSec()),
-      slotLock_(MTInterface::NewCritSec()),
+      cancelLock_(NewCritSec(LockClass::kHandlerCancel)),
+      slotLock_(NewCritSec(LockClass::kHandlerSlot)),
       body_(std::make_unique<Worker>(this)) {
   try {
     thread_.reset(MTInterface::NewThread(body_.get(), MTThread::kPriorityTimeCritical,

@@ -1,6 +1,6 @@
 #include "OSServices/NativeFileSourceAsync.h"
 
-#include "MTInterface.h"
+#include "OSServices/LockClass.h"
 
 namespace Orvane {
 namespace {
@@ -32,7 +32,7 @@ class ORVANE_SCOPED_CAPABILITY StateLock {
 }  // namespace
 
 NativeFileSourceAsync::NativeFileSourceAsync(const char* name, AsyncHandler* handler)
-    : NativeFileSource(name), handler_(handler), stateLock_(MTInterface::NewCritSec()) {}
+    : NativeFileSource(name), handler_(handler), stateLock_(NewCritSec(LockClass::kFileState)) {}
 
 NativeFileSourceAsync::~NativeFileSourceAsync() {
   NativeFileSourceAsync::Close();

@@ -1,6 +1,7 @@
 list(APPEND ORVANE_SOURCES
   OSServices/AsyncHandler.cpp
   OSServices/AsyncHandlerWorker.cpp
+  OSServices/LockClass.cpp
   OSServices/MTInterface.cpp
   OSServices/MTPrimitives.cpp
   OSServices/MTThread.cpp

@@ -9,6 +9,7 @@
 #include "OSServices/CritSecLock.h"
 #include "OSServices/Linux/HostFileLinux.h"
 #include "OSServices/Linux/HostResultLinux.h"
+#include "OSServices/LockClass.h"
 
 namespace Orvane {
 namespace {
@@ -44,7 +45,7 @@ class AsyncPortThreadsLinux::Body : public MTThreadBody {
 };
 
 AsyncPortThreadsLinux::AsyncPortThreadsLinux()
-    : lock_(MTInterface::NewCritSec()),
+    : lock_(NewCritSec(LockClass::kPortQueue)),
       work_(MTInterface::NewSemaphore(kMaxWork, 0)),
       event_(MTInterface::NewSemaphore(1, 0)),
       body_(std::make_unique<Body>(this)) {
