@@ -8,4 +8,5 @@ list(APPEND ORVANE_SOURCES
   CoreClasses/RankTree.cpp
   CoreClasses/SharedObject.cpp
   CoreClasses/SharedObjectList.cpp
-  CoreClasses/SharedObjectPool.cpp)
+  CoreClasses/SharedObjectPool.cpp
+  CoreClasses/SortedObjectList.cpp)
