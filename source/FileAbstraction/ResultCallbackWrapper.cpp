@@ -42,10 +42,12 @@ ResultCallbackWrapper::~ResultCallbackWrapper() {
 
 void ResultCallbackWrapper::Callback(CacheSource::Result_t result, std::uint64_t offset,
                                      BufferList* list, std::uint64_t bytes) {
+  const ReportScope::LibrarysCode librarysCode;
   if (result == CacheSource::kResultPending) result = CacheSource::kResultError;
   if (!semaphore_) {
     SharedObjectAutoRef dropAfterwards(this);
     DecRef(kFile, "ResultCallbackWrapper::Callback", 81);
+    const ReportScope::CallersCode callersCode;
     if (callback_) callback_->Callback(result, offset, list ? list->GetBuffer(0) : nullptr, bytes);
     return;
   }

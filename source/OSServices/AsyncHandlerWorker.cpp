@@ -341,6 +341,7 @@ void AsyncHandler::RetireAndReport(std::uint32_t index, FileSource::Result_t res
 
   ReportScope scope;
   if (callback) {
+    const ReportScope::CallersCode callersCode;
     try {
       callback->Callback(result, offset, list, bytes);
     } catch (...) {

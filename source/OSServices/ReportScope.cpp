@@ -1,31 +1,116 @@
 #include "OSServices/ReportScope.h"
 
+#include <algorithm>
+#include <utility>
+
+#include "MTInterface.h"
+#include "SharedObject.h"
+
 namespace Orvane {
 
-ReportScope::ReportScope() : outer_(Innermost()) {
-  Innermost() = this;
+ReportScope::ReportScope() : outermost_(!Open()) {
+  if (outermost_) Open() = this;
 }
 
 ReportScope::~ReportScope() {
-  Innermost() = outer_;
-  while (first_) {
-    DeferredReport* const report = first_;
-    first_ = report->next_;
-    report->FinishReport();
-  }
+  if (outermost_) RunAll();
 }
 
 bool ReportScope::Defer(DeferredReport* report) {
-  ReportScope* const scope = Innermost();
+  ReportScope* const scope = Open();
   if (!scope) return false;
-  report->next_ = scope->first_;
-  scope->first_ = report;
+  report->next_ = nullptr;
+  (scope->first_ ? scope->last_->next_ : scope->first_) = report;
+  scope->last_ = report;
   return true;
 }
 
-ReportScope*& ReportScope::Innermost() {
-  thread_local ReportScope* innermost = nullptr;
-  return innermost;
+void ReportScope::Release(SharedObject* object, const char* file, const char* function,
+                          unsigned long line) {
+  if (!object) return;
+  if (ReportScope* const scope = Open()) {
+    const PendingRelease release{object, file, function, line};
+    if (scope->releaseCount_ < kReleasesWithoutAllocation) {
+      scope->releases_[scope->releaseCount_++] = release;
+      return;
+    }
+    try {
+      scope->moreReleases_.push_back(release);
+      return;
+    } catch (...) {
+      // Early is better than never.
+    }
+  }
+  object->DecRef(file, function, line);
+}
+
+ReportScope::CallersCode::CallersCode() : open_(Open()), suspended_(Suspended()) {
+  if (!open_) return;
+  Open() = nullptr;
+  Suspended() = open_;
+}
+
+ReportScope::CallersCode::~CallersCode() {
+  Open() = open_;
+  Suspended() = suspended_;
+}
+
+ReportScope::LibrarysCode::LibrarysCode() : open_(Open()) {
+  if (!open_) Open() = Suspended();
+}
+
+ReportScope::LibrarysCode::~LibrarysCode() {
+  Open() = open_;
+}
+
+void ReportScope::RunAll() {
+  {
+    const CallersCode suspendThis;
+    while (first_ || releaseCount_ != 0) {
+      RunReleases();
+      RunReports();
+    }
+  }
+  Open() = nullptr;
+}
+
+void ReportScope::RunReports() {
+  while (first_) {
+    DeferredReport* const report = first_;
+    first_ = report->next_;
+    try {
+      report->FinishReport();
+    } catch (...) {
+      MTInterface::DebugString("Unhandled Exception In A Report\n");
+    }
+  }
+}
+
+// Those that are there now. A destructor may add to them, and to the reports.
+void ReportScope::RunReleases() {
+  std::array<PendingRelease, kReleasesWithoutAllocation> releases;
+  const auto end =
+      std::copy_n(releases_.begin(), std::exchange(releaseCount_, 0), releases.begin());
+  const std::vector<PendingRelease> more = std::exchange(moreReleases_, {});
+  const auto run = [](const PendingRelease& release) {
+    try {
+      release.object->DecRef(release.file, release.function, release.line);
+    } catch (...) {
+      MTInterface::DebugString("Unhandled Exception In A Release\n");
+    }
+  };
+  std::for_each(releases.begin(), end, run);
+  std::for_each(more.begin(), more.end(), run);
+}
+
+ReportScope*& ReportScope::Open() {
+  thread_local ReportScope* open = nullptr;
+  return open;
+}
+
+ReportScope*& ReportScope::Suspended() {
+  thread_local ReportScope* suspended = nullptr;
+  return suspended;
 }
 
 }  // namespace Orvane

@@ -1,12 +1,19 @@
-// Defers the wake-up of a synchronous caller to the end of the report that completes his request.
+// Puts off what is the caller's code until the library holds no lock.
 #pragma once
+
+#include <array>
+#include <cstddef>
+#include <vector>
 
 namespace Orvane {
 
-// Work that is run when the innermost ReportScope of a thread closes.
+class SharedObject;
+
+// Work that is run when the outermost ReportScope of a thread closes.
 class DeferredReport {
  public:
-  // Runs on the thread of the scope; may be the last use of the object.
+  // Runs on the thread of the scope, with no lock of the library held; may be the last use of the
+  // object.
   virtual void FinishReport() = 0;
 
  protected:
@@ -18,10 +25,16 @@ class DeferredReport {
   DeferredReport* next_ = nullptr;
 };
 
-// Opened around one report: the callback and the release of everything the library still holds for
-// the request. A synchronous caller that is woken from inside the callback could see references
-// and lock counts that are about to be given back; woken at the end of the scope he cannot.
-// One thread's scopes nest; each runs only what was deferred while it was the innermost.
+// Opened by every entry of the library that can finish requests, before it takes a lock: one
+// iteration of a worker, one event of the I/O thread, Cancel, Close, Invalidate, a destructor. The
+// reports of the requests that finish meanwhile, and releases that may destroy a caller's object,
+// run when the scope closes: on the same thread, in the order in which they came, after every lock
+// was left and before the entry returns. Releases come before reports: whoever is told finds what
+// the library held given back. Scopes of one thread nest; only the outermost counts.
+//
+// A caller's code runs outside of any scope: what it calls has scopes of its own. Where the library
+// calls it from inside a scope it says so with CallersCode; a callback object of the library's own
+// that is called that way takes it back with LibrarysCode.
 class ReportScope {
  public:
   ReportScope();
@@ -29,14 +42,60 @@ class ReportScope {
   ReportScope(const ReportScope&) = delete;
   ReportScope& operator=(const ReportScope&) = delete;
 
-  // Hands `report` to the innermost scope of the calling thread; false if none is open.
+  // Hands `report` to the open scope of the calling thread; false if none is open.
   static bool Defer(DeferredReport* report);
+  // Releases one reference when the open scope closes; now, if none is open or memory is short.
+  // Null does nothing. The texts must be static.
+  static void Release(SharedObject* object, const char* file, const char* function,
+                      unsigned long line);
+
+  // Suspends the open scope for the length of a block: as if none were open.
+  class CallersCode {
+   public:
+    CallersCode();
+    ~CallersCode();
+    CallersCode(const CallersCode&) = delete;
+    CallersCode& operator=(const CallersCode&) = delete;
+
+   private:
+    ReportScope* const open_;
+    ReportScope* const suspended_;
+  };
+
+  // Opens the suspended scope again for the length of a block, if none is open. While a scope runs
+  // its reports it is suspended: what is deferred to it by then runs before it ends.
+  class LibrarysCode {
+   public:
+    LibrarysCode();
+    ~LibrarysCode();
+    LibrarysCode(const LibrarysCode&) = delete;
+    LibrarysCode& operator=(const LibrarysCode&) = delete;
+
+   private:
+    ReportScope* const open_;
+  };
 
  private:
-  static ReportScope*& Innermost();
+  struct PendingRelease {
+    SharedObject* object;
+    const char* file;
+    const char* function;
+    unsigned long line;
+  };
+  static constexpr std::size_t kReleasesWithoutAllocation = 16;
 
-  ReportScope* const outer_;
+  void RunAll();
+  void RunReports();
+  void RunReleases();
+  static ReportScope*& Open();
+  static ReportScope*& Suspended();
+
+  const bool outermost_;
   DeferredReport* first_ = nullptr;
+  DeferredReport* last_ = nullptr;
+  std::array<PendingRelease, kReleasesWithoutAllocation> releases_;
+  std::size_t releaseCount_ = 0;  // of releases_; the rest is not initialised
+  std::vector<PendingRelease> moreReleases_;
 };
 
 }  // namespace Orvane
