@@ -4,13 +4,13 @@
 
 #include <cstdint>
 
-#include "Cache.h"
-#include "CacheTransaction.h"
 #include "Export.h"
 #include "SharedObject.h"
 
 namespace Orvane {
 
+class Cache;
+class CacheTransaction;
 class SharedObjectList;
 
 // Holds a process-unique key, an alignment requirement (the page size) and at most one cache, for
@@ -59,6 +59,9 @@ class ORVANE_EXPORT CacheSource : public SharedObject {
                                    std::uint64_t rangeOffset, std::uint64_t rangeSize);
 
  protected:
+  friend class Cache;
+  friend class CacheTransaction;
+
   CacheSource();
   ~CacheSource() override;
   CacheSource(const CacheSource&) = default;

@@ -1,5 +1,6 @@
 #include "CacheSource.h"
 
+#include "Cache.h"
 #include "MTInterface.h"
 #include "PhysMemInterface.h"
 #include "SharedObjectList.h"
