@@ -155,6 +155,7 @@ class AsyncHandler {
   void WorkerLoop();
   void BeginServingCancel();
   void EndServingCancel();
+  void ServeCancelsWhileWaiting();
   void Shutdown();
   void IssuePass(bool expireAll);
   bool PopQueued(std::uint32_t* index);

@@ -24,6 +24,7 @@ bool IsDue(std::uint32_t nowMs, std::uint32_t deadlineMs) {
 
 void AsyncHandler::WorkerMain() {
   SetWorkerOfThisThread(this);
+  WaitServant::OfThisThread() = body_.get();
   LibraryThreadMark mark;
   if (AttachPort()) {
     AtomicExchange(state_.get(), kRunning);
@@ -34,6 +35,7 @@ void AsyncHandler::WorkerMain() {
   } else {
     started_->Release(1);
   }
+  WaitServant::OfThisThread() = nullptr;
   SetWorkerOfThisThread(nullptr);
 }
 
@@ -94,6 +96,22 @@ void AsyncHandler::EndServingCancel() {
   if (!servingCancel_ || awaited_ != 0) return;
   servingCancel_ = false;
   cancelDone_->Release(1);
+}
+
+// Inside a callback. Does not wait for the host: whoever waits here calls again.
+void AsyncHandler::ServeCancelsWhileWaiting() {
+  if (TakeControl(kCancel)) BeginServingCancel();
+  AsyncPort::Completion completion;
+  while (servingCancel_ && awaited_ != 0 && port_->Wait(0, &completion)) {
+    if (!IsCurrent(completion)) continue;
+    const Slot& slot = slots_[completion.slot];
+    if (slot.cancelling) {
+      RetireAndReport(completion.slot, slot.cancelResult, 0);
+    } else {
+      KeepForLater(completion);
+    }
+  }
+  EndServingCancel();
 }
 
 void AsyncHandler::Shutdown() {

@@ -1,13 +1,17 @@
 #pragma once
 
 #include "OSServices/AsyncHandler.h"
+#include "OSServices/LibraryThread.h"
 
 namespace Orvane {
 
 // The body of the I/O thread.
-class AsyncHandler::Worker : public MTThreadBody {
+class AsyncHandler::Worker : public MTThreadBody, public WaitServant {
  public:
   explicit Worker(AsyncHandler* handler) : handler_(handler) {}
+
+  // While a callback waits for something that the caller of a cancel may hold.
+  void ServeWhileWaiting() override { handler_->ServeCancelsWhileWaiting(); }
 
  protected:
   void TerminateBody() override {

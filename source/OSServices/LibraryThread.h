@@ -3,8 +3,9 @@
 
 namespace Orvane {
 
-// Marks the calling thread as one that runs callers' callbacks (the I/O thread) for the length of a
-// block. A synchronous call made there would wait for the very thread it runs on.
+// Marks the calling thread as one that runs callers' callbacks (the I/O thread, the threads of a
+// cache) for the length of a block. A synchronous call made there could wait for the very thread it
+// runs on.
 class LibraryThreadMark {
  public:
   LibraryThreadMark() { ++Depth(); }
@@ -19,6 +20,23 @@ class LibraryThreadMark {
     thread_local int depth = 0;
     return depth;
   }
+};
+
+// What a thread does for others while it waits, because they may wait for it.
+class WaitServant {
+ public:
+  // Returns soon. Callers' callbacks may run inside.
+  virtual void ServeWhileWaiting() = 0;
+
+  // Null on a thread that nobody waits for.
+  static WaitServant*& OfThisThread() {
+    thread_local WaitServant* servant = nullptr;
+    return servant;
+  }
+
+ protected:
+  WaitServant() = default;
+  virtual ~WaitServant() = default;
 };
 
 }  // namespace Orvane
