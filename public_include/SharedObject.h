@@ -46,6 +46,8 @@ class ORVANE_EXPORT SharedObject {
   // KEPT: member-wise, sharing counter and lock with the source. A live object must not be copied.
   SharedObject(const SharedObject&) = default;
   SharedObject& operator=(const SharedObject&) = default;
+  // As DecRef, but at 0 the object stays, for a derived class that is destroyed elsewhere.
+  long ReleaseReference();
 
  private:
   MTAtomicUnsigned32* referenceCounter_;          // owned

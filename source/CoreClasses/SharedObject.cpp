@@ -33,9 +33,13 @@ long SharedObject::AddRef(const char*, const char*, unsigned long) {
 }
 
 long SharedObject::DecRef(const char*, const char*, unsigned long) {
-  const std::uint32_t count = referenceCounter_->Decrement();
+  const long count = ReleaseReference();
   if (count == 0) delete this;
-  return ToCount(count);
+  return count;
+}
+
+long SharedObject::ReleaseReference() {
+  return ToCount(referenceCounter_->Decrement());
 }
 
 long SharedObject::GetRefCount() {
