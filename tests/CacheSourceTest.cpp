@@ -18,7 +18,7 @@ namespace {
 
 class TestCache : public Cache {
  public:
-  TestCache() = default;
+  TestCache() : Cache(nullptr) {}
 
  protected:
   ~TestCache() override = default;

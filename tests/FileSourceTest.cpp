@@ -27,7 +27,7 @@ constexpr Result_t kAllFailures[] = {FileSource::kResultBusy,       FileSource::
 
 class TestCache : public Cache {
  public:
-  TestCache() = default;
+  TestCache() : Cache(nullptr) {}
 
  protected:
   ~TestCache() override = default;

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <ostream>
 
+#include "Cache/CacheReaper.h"
 #include "MTInterface.h"
 #include "TestPhysMemInterface.h"
 
@@ -54,9 +55,11 @@ void OrvaneTest::TearDown() {
   TestMTInterface& mt = TestMTInterface::Get();
   mt.StopFailing();
   TestPhysMemInterface::Get().SetAllocator(nullptr);
+  CacheReaper::Stop();
   for (std::uint32_t waited = 0; mt.GetLiveCounts() != before_ && waited < kTeardownMs;
        waited += kPollMs) {
     MTInterface::Sleep(kPollMs);
+    CacheReaper::Stop();  // a cache may have been handed over since
   }
   EXPECT_EQ(before_, mt.GetLiveCounts()) << "left behind; before: " << before_.ToString()
                                          << "; after: " << mt.GetLiveCounts().ToString();

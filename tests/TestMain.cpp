@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "LockOrderChecker.h"
+#include "Cache/CacheReaper.h"
 #include "OSServices.h"
 #include "OSServicesHost.h"
 #include "OrvaneTest.h"
@@ -83,6 +84,8 @@ int main(int argc, char** argv) {
   Orvane::OSServices::InitWithExtensions(&Orvane::TestMTInterface::Get(),
                                          &Orvane::TestPhysMemInterface::Get(),
                                          new Orvane::NativeFileSysInterfaceImpHost(engine));
+  // Made once per process, so that no test is held responsible for it.
+  Orvane::CacheReaper::Stop();
   std::cout << "engine asked for: " << options.engine
             << ", running: " << Orvane::NativeFileSysInterfaceImpHost::GetEngineName()
             << "; directory: " << options.directory << std::endl;

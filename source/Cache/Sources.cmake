@@ -1,8 +1,22 @@
 list(APPEND ORVANE_SOURCES
+  Cache/BatchRegistry.cpp
+  Cache/BlockIndex.cpp
   Cache/Cache.cpp
+  Cache/CacheBlock.cpp
+  Cache/CacheBlockList.cpp
+  Cache/CacheCommands.cpp
+  Cache/CacheParts.cpp
+  Cache/CacheReaper.cpp
   Cache/CacheSource.cpp
+  Cache/CacheStatistics.cpp
   Cache/CacheTransaction.cpp
   Cache/CacheTransactionWorkResultCallback.cpp
+  Cache/CancelMutex.cpp
+  Cache/CommandProcessor.cpp
+  Cache/DispatchedReadCallback.cpp
+  Cache/PreReadTransactionList.cpp
   Cache/RangeList.cpp
+  Cache/ResidentReader.cpp
   Cache/TransactionInternals.cpp
+  Cache/TransactionProcessor.cpp
   Cache/WorkTracker.cpp)

@@ -1,0 +1,174 @@
+// One block-sized slot of a cache.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "Cache/BlockIndex.h"
+#include "CacheSource.h"
+#include "CoreClasses/SortedObjectList.h"
+#include "MTPrimitives.h"
+
+namespace Orvane {
+
+class Buffer;
+class Cache;
+class CacheBlockList;
+class CacheTransaction;
+
+// A buffer, the range of a source that it holds, a count of holders, and the transactions that wait
+// to be served from it. Made and owned by a CacheBlockList; used by the cache's workers, the I/O
+// thread and, for invalidation and resident reads, by callers' threads.
+//
+// | state         | means                                           | left by                         |
+// |---------------|-------------------------------------------------|---------------------------------|
+// | empty         | no source key, no valid bytes, no holders       | LockForReadInto                 |
+// | filling       | a reading transaction, state kResultNone        | CompleteReadInto                |
+// | valid, locked | holders: transactions queued or being copied    | the last unlock                 |
+// | valid, free   | no holders, data kept, stamp set                | a lock (hit, eviction), invali- |
+// |               |                                                 | dation                          |
+// | doomed        | serves its holders, takes no new transaction    | the last unlock: empty          |
+// | dead          | no buffer; refuses every lock                   | -                               |
+//
+// Doomed are blocks whose fill failed, gave nothing or was overtaken by a write. The buffer is
+// locked exactly while there are holders. Whoever is found by the list's index is neither empty nor
+// doomed.
+//
+// Locks: the fields belong to lock_. What a block holds (key, offset) and whether it is doomed
+// changes only with the list's lock held as well, list lock first: so who holds the list's lock
+// sees it stand still. The bytes are copied without any lock: the holders keep them in place.
+//
+// Finishing a transaction runs its callback, so it never happens under lock_ or the list's lock:
+// queued transactions are taken out first. Transactions are released through ReportScope.
+class CacheBlock : public SortedObject {
+ public:
+  // Takes a reference on the buffer. `cache` and `list` may be null, in tests.
+  CacheBlock(Cache* cache, CacheBlockList* list, Buffer* buffer);
+  ~CacheBlock() override;
+
+  // The stamp under which the list keeps the block; it may have been used since. List lock.
+  std::uint64_t GetSortKey() override { return placedStamp_; }
+  std::uint64_t GetSortTie() override { return placedTie_; }
+
+  // Claims a free block for the transaction's next range, at most one block of it, and makes the
+  // transaction both the one that is read for and the first that waits. False if the block is busy
+  // or dead, the transaction has nothing left, or it is a pre-read and the block is wanted later
+  // than now. Throws when memory is short, with nothing changed.
+  // REQUIRES: the list's lock, if there is a list.
+  bool LockForReadInto(CacheTransaction* transaction);
+  // The read into the block has ended; nothing changes without one. kResultFailed fails those that
+  // wait; otherwise ProcessPendingTransactions must be called.
+  bool CompleteReadInto(std::uint64_t bytesRead, CacheSource::Result_t result);
+  // Attaches a transaction that wants something of what the block holds or will hold. True when it
+  // was; a pre-read has been completed then. *alreadyServed tells whether somebody will call
+  // ProcessPendingTransactions anyhow. Throws when memory is short, with nothing changed.
+  // REQUIRES: the list's lock, if there is a list.
+  bool LockForCopyOutOf(CacheTransaction* transaction, bool* alreadyServed);
+  // Serves all that wait, unless a read is in progress. *becameFree (may be null) becomes false:
+  // who frees the block tells the cache.
+  void ProcessPendingTransactions(bool* becameFree);
+  // Fails all that wait, with kResultFailed. *becameFree (may be null): whether that freed it.
+  void CancelPendingTransactions(bool* becameFree);
+  // Reads the result of each transaction that waits.
+  void DumpPendingTransactions();
+
+  // Forgets the data if it is the source's and, with a range, meets it; those that wait fail.
+  // REQUIRES: the list's lock is not held.
+  void InvalidateBySource(CacheSource* source);
+  void InvalidateByRange(CacheSource* source, std::uint64_t offset, std::uint64_t size);
+  // From now on takes no new transaction and is empty when the last holder leaves. Those that wait
+  // are served. REQUIRES: the list's lock.
+  void Doom();
+
+  // A holder that copies on its own thread: the address of the byte at `offset`, if the block has
+  // all bytes from there to the end of the range, else null. REQUIRES: the list's lock.
+  const char* LockForResidentRead(std::uint64_t offset, std::uint64_t size);
+  // As LockForResidentRead, without becoming a holder.
+  bool HoldsResident(std::uint64_t offset, std::uint64_t size);
+  // The end of a hold; the due time (0: now) becomes the stamp, unless the block is wanted later by
+  // up to an hour. True if the block became free: the cache has been told.
+  bool Unlock(std::uint32_t dueTime);
+
+  // Drops the buffer: the block is dead.
+  void ReleaseBuffer();
+
+  Buffer* GetBuffer() const { return buffer_; }
+  std::uint64_t GetCapacity() const { return capacity_; }
+  std::uint64_t GetSourceOffset();
+  std::uint32_t GetSourceKey();
+  std::uint64_t GetValidBytes();
+  CacheSource::Result_t GetState();
+  std::int32_t GetLockCount();
+  // Milliseconds; 0: never used.
+  std::uint64_t GetStamp();
+  std::size_t GetNumberOfPendingTransactions();
+  bool HasReadingTransaction();
+
+ private:
+  friend class BlockIndex;
+  friend class CacheBlockList;
+
+  // A transaction that waits. What is needed of it after its report is kept here.
+  struct Entry {
+    CacheTransaction* transaction;  // one reference
+    std::uint32_t generation;
+    std::uint32_t sourceKey;
+    std::uint32_t dueTime;
+  };
+  // What a transaction is served from.
+  struct Content {
+    CacheSource::Result_t state;
+    char* address;
+    std::uint64_t validBytes;
+    std::uint32_t sourceKey;
+    std::uint64_t sourceOffset;
+  };
+
+  void LockInner() ORVANE_REQUIRES(lock_);
+  bool UnlockInner(const std::uint32_t* dueTime);
+  bool IsAttached(CacheTransaction* transaction, std::uint32_t generation) ORVANE_REQUIRES(lock_);
+  void MakeRoomForPending() ORVANE_REQUIRES(lock_);
+  bool PopPending(Entry* entry) ORVANE_REQUIRES(lock_);
+  void SetStamp(std::uint32_t dueTime) ORVANE_REQUIRES(lock_);
+  bool HoldsResidentLocked(std::uint64_t offset, std::uint64_t size) ORVANE_REQUIRES(lock_);
+  void ServeEntry(const Entry& entry, const Content& content);
+  void ServeTransaction(const Entry& entry, const Content& content);
+  void DropEntry(const Entry& entry, const char* function);
+  void Invalidate(CacheSource* source, bool withRange, std::uint64_t offset, std::uint64_t size);
+  void Forget() ORVANE_REQUIRES(lock_);
+  void Settle() ORVANE_REQUIRES(lock_);
+
+  Cache* const cache_;
+  CacheBlockList* const list_;
+  const std::uint64_t capacity_;  // bytes
+  const std::unique_ptr<MTCritSec> lock_;
+
+  Buffer* buffer_;  // one reference; null when dead. Changes only when nobody else uses the block
+
+  // The list's lock.
+  BlockIndex::Link indexLink_;
+  std::uint64_t placedStamp_ = 0;
+  std::uint64_t placedTie_ = 0;
+
+  // lock_, see above.
+  char* dataAddress_ ORVANE_GUARDED_BY(lock_) = nullptr;  // while locked
+  std::int32_t lockCount_ ORVANE_GUARDED_BY(lock_) = 0;
+  CacheSource::Result_t state_ ORVANE_GUARDED_BY(lock_) = CacheSource::kResultNone;
+  std::uint64_t validBytes_ ORVANE_GUARDED_BY(lock_) = 0;
+  std::uint64_t stamp_ ORVANE_GUARDED_BY(lock_) = 0;  // milliseconds, CacheTime
+  std::uint64_t tie_ ORVANE_GUARDED_BY(lock_) = 0;    // microseconds, when the stamp was set
+  std::uint64_t sourceOffset_ ORVANE_GUARDED_BY(lock_) = 0;
+  std::uint32_t sourceKey_ ORVANE_GUARDED_BY(lock_) = 0;
+  bool doomed_ ORVANE_GUARDED_BY(lock_) = false;
+  // The list found it busy and put it behind all others; it must be placed when it is free.
+  bool parked_ ORVANE_GUARDED_BY(lock_) = false;
+  std::uint32_t writesSeen_ ORVANE_GUARDED_BY(lock_) = 0;  // by the list, when the fill began
+  std::size_t pendingHead_ ORVANE_GUARDED_BY(lock_) = 0;
+  std::vector<Entry> pending_
+      ORVANE_GUARDED_BY(lock_);               // from pendingHead_ on; first in, first out
+  Entry reading_ ORVANE_GUARDED_BY(lock_){};  // one reference, or null
+};
+
+}  // namespace Orvane

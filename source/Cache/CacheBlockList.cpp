@@ -1,0 +1,238 @@
+#include "Cache/CacheBlockList.h"
+
+#include <algorithm>
+#include <limits>
+#include <new>
+
+#include "Buffer.h"
+#include "BufferFactory.h"
+#include "Cache/CacheBlockFinders.h"
+#include "Cache/TransactionInternals.h"
+#include "OSServices/CritSecLock.h"
+#include "OSServices/LockClass.h"
+
+namespace Orvane {
+namespace {
+
+constexpr const char* kFile = "source/Cache/CacheBlockList";
+constexpr std::uint64_t kBehindAll = std::numeric_limits<std::uint64_t>::max();
+
+// The range of blocks that [offset, offset + size) meets, first and last, in bytes.
+struct BlockRange {
+  BlockRange(std::uint64_t offset, std::uint64_t size, std::uint64_t blockSize)
+      : first(offset - offset % blockSize) {
+    const std::uint64_t atMost = std::numeric_limits<std::uint64_t>::max() - offset;
+    const std::uint64_t lastByte = offset + std::min(size - 1, atMost);
+    count = (lastByte - first) / blockSize + 1;
+  }
+  std::uint64_t first;
+  std::uint64_t count;
+};
+
+}  // namespace
+
+CacheBlockList::CacheBlockList(Cache* cache, BufferFactory* factory)
+    : factory_(factory),
+      blockSize_(factory->GetBufferSize()),
+      lock_(NewCritSec(LockClass::kBlockList)),
+      candidates_(/*ascending=*/true, /*threadSafe=*/false) {
+  factory_->AddRef(kFile, "Orvane::CacheBlockList::CacheBlockList", __LINE__);
+  try {
+    if (blockSize_ > 0) MakeBlocks(cache);
+  } catch (...) {
+    // Memory is short: with the blocks that there are.
+  }
+}
+
+CacheBlockList::~CacheBlockList() {
+  while (candidates_.RemoveFirst()) {
+  }
+  for (std::unique_ptr<CacheBlock>& block : blocks_) {
+    Buffer* const buffer = block->GetBuffer();
+    block->CancelPendingTransactions(nullptr);
+    block->ReleaseBuffer();
+    if (buffer) factory_->ReturnBufferToFactory(buffer);
+  }
+  blocks_.clear();
+  factory_->DecRef(kFile, "Orvane::CacheBlockList::~CacheBlockList", __LINE__);
+}
+
+void CacheBlockList::MakeBlocks(Cache* cache) {
+  const std::size_t count = factory_->GetNumberOfBuffersFree();
+  index_.Reserve(count);
+  blocks_.reserve(count);
+  while (Buffer* const buffer = factory_->GetBufferFromFactory()) {
+    try {
+      if (blocks_.size() == blocks_.capacity()) blocks_.reserve(2 * blocks_.size() + 1);
+      auto block = std::make_unique<CacheBlock>(cache, this, buffer);
+      candidates_.AddObject(block.get());
+      blocks_.push_back(std::move(block));
+    } catch (...) {
+      factory_->ReturnBufferToFactory(buffer);
+      throw;
+    }
+  }
+}
+
+CacheBlock* CacheBlockList::FindBlockToCopyOutOf(CacheTransaction* transaction, bool* alreadyServed,
+                                                 std::uint64_t* cursor) {
+  if (blocks_.empty() || !transaction || !transaction->GetSource()) return nullptr;
+  const std::uint32_t sourceKey = transaction->GetSource()->GetSourceKey();
+  Lock lock(this);
+  std::uint64_t offset = 0;
+  std::uint64_t size = 0;
+  while (TransactionInternals::PeekRange(transaction, *cursor, &offset, &size)) {
+    const BlockRange range(offset, size, blockSize_);
+    for (std::uint64_t k = 0; k < range.count; ++k) {
+      const std::uint64_t place = range.first + k * blockSize_;
+      // Past the last block of all there is nothing.
+      *cursor = place > kBehindAll - blockSize_ ? kBehindAll : place + blockSize_;
+      CacheBlock* const block = index_.Find(sourceKey, place);
+      if (!block) continue;
+      CopyOutOfBlockFinder finder(transaction);
+      if (!finder.Check(block)) continue;
+      *alreadyServed = finder.IsAlreadyServed();
+      return block;
+    }
+  }
+  return nullptr;
+}
+
+CacheBlock* CacheBlockList::FindBlockToReadInto(CacheTransaction* transaction) {
+  Lock lock(this);
+  CacheBlock* const candidate = FindCandidate();
+  ReadIntoBlockFinder finder(transaction);
+  // One that it refuses because it is wanted later is the first to be free: so are all others.
+  if (candidate) finder.Check(candidate);
+  return finder.GetBlock();
+}
+
+// The free block that was used longest ago.
+CacheBlock* CacheBlockList::FindCandidate() {
+  for (;;) {
+    auto* const block = static_cast<CacheBlock*>(candidates_.GetFirst());
+    if (!block || block->placedStamp_ == kBehindAll) return nullptr;
+    CritSecLock lock(block->lock_.get());
+    if (block->lockCount_ > 0) {
+      block->parked_ = true;
+      block->placedStamp_ = kBehindAll;
+    } else if (block->placedStamp_ != block->stamp_ || block->placedTie_ != block->tie_) {
+      block->placedStamp_ = block->stamp_;
+      block->placedTie_ = block->tie_;
+    } else {
+      return block;
+    }
+    block->Resort();
+  }
+}
+
+void CacheBlockList::CancelSource(CacheSource* source) {
+  CancelFinder finder(source);
+  for (const std::unique_ptr<CacheBlock>& block : blocks_) finder.Check(block.get());
+}
+
+void CacheBlockList::PurgeSource(CacheSource* source) {
+  InvalidateFinder finder(source);
+  for (const std::unique_ptr<CacheBlock>& block : blocks_) finder.Check(block.get());
+}
+
+void CacheBlockList::InvalidateRange(CacheSource* source, std::uint64_t offset,
+                                     std::uint64_t size) {
+  InvalidateFinder finder(source, offset, size);
+  VisitBlocksOfRange(source->GetSourceKey(), offset, size,
+                     [&finder](CacheBlock* block) { finder.Check(block); });
+}
+
+void CacheBlockList::InvalidateWritten(CacheSource* source, std::uint64_t offset,
+                                       std::uint64_t size) {
+  const std::uint32_t sourceKey = source->GetSourceKey();
+  VisitBlocksOfRange(sourceKey, offset, size, [=, this](CacheBlock* block) {
+    Lock lock(this);
+    // It may hold something else by now.
+    if (block->indexLink_.isLinked && block->indexLink_.sourceKey == sourceKey) block->Doom();
+  });
+  Lock lock(this);
+  ++writes_;
+  for (std::size_t k = shortBlocks_.size(); k-- > 0;) {
+    if (shortBlocks_[k]->indexLink_.sourceKey == sourceKey) shortBlocks_[k]->Doom();
+  }
+}
+
+void CacheBlockList::Dump() {
+  DumpFinder finder;
+  for (const std::unique_ptr<CacheBlock>& block : blocks_) finder.Check(block.get());
+}
+
+template <typename Visit>
+void CacheBlockList::VisitBlocksOfRange(std::uint32_t sourceKey, std::uint64_t offset,
+                                        std::uint64_t size, Visit visit) {
+  if (size == 0 || blocks_.empty()) return;
+  const BlockRange range(offset, size, blockSize_);
+  if (range.count > blocks_.size()) {
+    for (const std::unique_ptr<CacheBlock>& block : blocks_) {
+      const std::uint64_t place = block->GetSourceOffset() - range.first;
+      if (block->GetSourceKey() == sourceKey && place / blockSize_ < range.count) {
+        visit(block.get());
+      }
+    }
+    return;
+  }
+  for (std::uint64_t k = 0; k < range.count; ++k) {
+    CacheBlock* block = nullptr;
+    {
+      Lock lock(this);
+      block = index_.Find(sourceKey, range.first + k * blockSize_);
+    }
+    if (block) visit(block);
+  }
+}
+
+bool CacheBlockList::HoldsResident(std::uint32_t sourceKey, std::uint64_t offset,
+                                   std::uint64_t size) {
+  const std::uint64_t end = offset + size;
+  Lock lock(this);
+  while (offset < end) {
+    const std::uint64_t place = offset - offset % blockSize_;
+    const std::uint64_t bytes = std::min(end - offset, blockSize_ - (offset - place));
+    CacheBlock* const block = index_.Find(sourceKey, place);
+    if (!block || !block->HoldsResident(offset, bytes)) return false;
+    offset += bytes;
+  }
+  return true;
+}
+
+CacheBlock* CacheBlockList::LockResident(std::uint32_t sourceKey, std::uint64_t offset,
+                                         std::uint64_t size, const char** address,
+                                         std::uint64_t* bytes) {
+  const std::uint64_t place = offset - offset % blockSize_;
+  *bytes = std::min(size, blockSize_ - (offset - place));
+  Lock lock(this);
+  CacheBlock* const block = index_.Find(sourceKey, place);
+  if (!block) return nullptr;
+  *address = block->LockForResidentRead(offset, *bytes);
+  return *address ? block : nullptr;
+}
+
+std::uint32_t CacheBlockList::Link(CacheBlock* block, std::uint32_t sourceKey,
+                                   std::uint64_t sourceOffset) {
+  // A transaction whose ranges somebody else took apart may want more of a block it is attached to.
+  if (CacheBlock* const other = index_.Find(sourceKey, sourceOffset)) other->Doom();
+  index_.Insert(block, sourceKey, sourceOffset);
+  return writes_;
+}
+
+void CacheBlockList::Unlink(CacheBlock* block) {
+  if (block->indexLink_.isShort) std::erase(shortBlocks_, block);
+  index_.Remove(block);
+}
+
+void CacheBlockList::AddShortBlock(CacheBlock* block) {
+  try {
+    shortBlocks_.push_back(block);
+    block->indexLink_.isShort = true;
+  } catch (const std::bad_alloc&) {
+    block->Doom();
+  }
+}
+
+}  // namespace Orvane

@@ -1,0 +1,109 @@
+// All blocks of a cache, and the questions that are asked of all of them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "Cache/BlockIndex.h"
+#include "Cache/CacheBlock.h"
+#include "CoreClasses/SortedObjectList.h"
+#include "MTPrimitives.h"
+
+namespace Orvane {
+
+class BufferFactory;
+class Cache;
+
+// Takes every free buffer of the factory for life and makes a block of each. Owned by the cache.
+//
+// Three views of the same blocks, all guarded by lock_: the array of all; the index of those that
+// hold or will hold something, by source key and offset; and the order of replacement, oldest stamp
+// first. The order is put right when it is looked at: a block that was used since it was placed is
+// placed anew, one that is busy goes behind all others until it is free. So a hit moves nothing,
+// and a search for a free block passes over a busy one only once.
+//
+// lock_ comes before the locks of the blocks and of transactions. Nothing that may finish a
+// transaction is called with it.
+class CacheBlockList {
+ public:
+  // Takes a reference on the factory. Memory shortage while the blocks are made leaves fewer.
+  CacheBlockList(Cache* cache, BufferFactory* factory);
+  // REQUIRES: nobody uses a block. Gives the buffers back.
+  virtual ~CacheBlockList();
+
+  // The block to serve the next of what the transaction still wants, attached to it; null if there
+  // is none. Looks from *cursor on, an offset of the source, and moves it. See LockForCopyOutOf.
+  CacheBlock* FindBlockToCopyOutOf(CacheTransaction* transaction, bool* alreadyServed,
+                                   std::uint64_t* cursor);
+  // The oldest free block, claimed for the transaction; null if there is none for it.
+  CacheBlock* FindBlockToReadInto(CacheTransaction* transaction);
+
+  // Fails the transactions that wait for blocks of the source.
+  void CancelSource(CacheSource* source);
+  // The same, and forgets all data of the source.
+  void PurgeSource(CacheSource* source);
+  // The same for the blocks that meet the range.
+  void InvalidateRange(CacheSource* source, std::uint64_t offset, std::uint64_t size);
+  // A write to the range has ended: what blocks hold of it, and what they hold of the end of the
+  // data, takes no new transaction and is forgotten when the last holder leaves.
+  void InvalidateWritten(CacheSource* source, std::uint64_t offset, std::uint64_t size);
+  void Dump();
+
+  // Whether blocks hold the whole range.
+  bool HoldsResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size);
+  // The block with the byte at `offset`, held, if it has all from there to the end of the block or
+  // of the range. *address and *bytes tell what it has. The caller unlocks it.
+  CacheBlock* LockResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
+                           const char** address, std::uint64_t* bytes);
+
+  std::uint64_t GetBlockSize() const { return blockSize_; }
+  std::uint64_t GetBlockCount() const { return blocks_.size(); }
+  // The block at a place of the array, in tests.
+  CacheBlock* GetBlock(std::size_t index) { return blocks_[index].get(); }
+
+  // For the blocks, which call them with the lock held.
+  // Enters a block that is being filled; answers the number of writes seen so far.
+  std::uint32_t Link(CacheBlock* block, std::uint32_t sourceKey, std::uint64_t sourceOffset);
+  void Unlink(CacheBlock* block);
+  void AddShortBlock(CacheBlock* block);
+  bool HasSeenWritesSince(std::uint32_t writes) const { return writes_ != writes; }
+
+  // Holds the lock of a list for the length of a block; of none, for null.
+  class ORVANE_SCOPED_CAPABILITY Lock {
+   public:
+    explicit Lock(CacheBlockList* list) ORVANE_NO_THREAD_SAFETY_ANALYSIS
+        : section_(list ? list->lock_.get() : nullptr) {
+      if (section_) section_->Enter();
+    }
+    ~Lock() ORVANE_RELEASE() ORVANE_NO_THREAD_SAFETY_ANALYSIS {
+      if (section_) section_->Leave();
+    }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+   private:
+    MTCritSec* const section_;
+  };
+
+ private:
+  void MakeBlocks(Cache* cache);
+  CacheBlock* FindCandidate();
+  // Calls visit(block) for each block that holds something of the range; with no lock held.
+  template <typename Visit>
+  void VisitBlocksOfRange(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
+                          Visit visit);
+
+  BufferFactory* const factory_;  // one reference
+  const std::uint64_t blockSize_;
+  const std::unique_ptr<MTCritSec> lock_;
+  std::vector<std::unique_ptr<CacheBlock>> blocks_;  // constant once constructed
+
+  SortedObjectList candidates_;
+  BlockIndex index_;
+  std::vector<CacheBlock*> shortBlocks_;
+  std::uint32_t writes_ = 0;
+};
+
+}  // namespace Orvane

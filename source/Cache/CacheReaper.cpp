@@ -1,0 +1,73 @@
+#include "Cache/CacheReaper.h"
+
+#include "Cache.h"
+#include "MTInterface.h"
+#include "OSServices/CritSecLock.h"
+#include "OSServices/LockClass.h"
+
+namespace Orvane {
+namespace {
+
+constexpr std::uint32_t kWithoutLimit = 0xFFFFFFFF;
+
+}  // namespace
+
+CacheReaper::CacheReaper()
+    : lock_(NewCritSec(LockClass::kReaper)), wake_(MTInterface::NewSemaphore(1, 0)) {}
+
+// Never destroyed: a cache may be released while the process ends.
+CacheReaper& CacheReaper::Get() {
+  static CacheReaper* const reaper = new CacheReaper;
+  return *reaper;
+}
+
+void CacheReaper::Destroy(Cache* cache) {
+  Get().Take(cache);
+}
+
+void CacheReaper::Take(Cache* cache) {
+  CritSecLock lock(lock_.get());
+  cache->nextToReap_ = first_;
+  first_ = cache;
+  try {
+    if (!thread_) {
+      thread_.reset(
+          MTInterface::NewThread(this, MTThread::kPriorityNormal, MTThread::kProcessorAny));
+    }
+  } catch (...) {
+    // The next one to come tries again.
+    MTInterface::DebugString("No Thread To Destroy A Cache\n");
+  }
+  wake_->Release(1);
+}
+
+void CacheReaper::Stop() {
+  CacheReaper& reaper = Get();
+  std::unique_ptr<MTThread> thread;
+  {
+    CritSecLock lock(reaper.lock_.get());
+    thread.swap(reaper.thread_);
+  }
+  if (thread) thread->Terminate(kWithoutLimit);
+}
+
+void CacheReaper::ThreadMain(MTThread* thread) {
+  for (;;) {
+    while (Cache* const cache = TakeNext()) delete cache;
+    if (thread->IsTerminating()) return;
+    wake_->Wait(kWithoutLimit, 1);
+  }
+}
+
+void CacheReaper::TerminateBody() {
+  wake_->Release(1);
+}
+
+Cache* CacheReaper::TakeNext() {
+  CritSecLock lock(lock_.get());
+  Cache* const cache = first_;
+  if (cache) first_ = cache->nextToReap_;
+  return cache;
+}
+
+}  // namespace Orvane

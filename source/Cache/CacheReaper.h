@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+
+#include "MTPrimitives.h"
+
+namespace Orvane {
+
+class Cache;
+
+// Destroys caches whose last reference was given up on a thread of the library: such a thread would
+// wait for itself. One helper thread per process, started when it is needed first.
+class CacheReaper : public MTThreadBody {
+ public:
+  // Any thread.
+  static void Destroy(Cache* cache);
+  // Waits until what was handed over is destroyed, and ends the thread; it starts again when it is
+  // needed. Not from a callback.
+  static void Stop();
+
+  void ThreadMain(MTThread* thread) override;
+
+ protected:
+  void TerminateBody() override;
+
+ private:
+  CacheReaper();
+  static CacheReaper& Get();
+  void Take(Cache* cache);
+  void Start();
+  Cache* TakeNext();
+
+  const std::unique_ptr<MTCritSec> lock_;
+  std::unique_ptr<MTSemaphore> wake_;                          // with thread_
+  std::unique_ptr<MTThread> thread_ ORVANE_GUARDED_BY(lock_);  // null until needed
+  Cache* first_ ORVANE_GUARDED_BY(lock_) = nullptr;
+};
+
+}  // namespace Orvane

@@ -1,0 +1,214 @@
+#include "Cache/CommandProcessor.h"
+
+#include <algorithm>
+#include <new>
+
+#include "MTInterface.h"
+#include "OSServices/AtomicValue.h"
+#include "OSServices/CritSecLock.h"
+#include "OSServices/LibraryThread.h"
+#include "OSServices/ReportScope.h"
+
+namespace Orvane {
+namespace {
+
+constexpr std::uint32_t kWithoutLimit = 0xFFFFFFFF;
+// How long a command that stands aside waits for another try when nobody wakes the worker.
+constexpr std::uint32_t kTryAgainMs = 1;
+// A pass ends after so many commands, so that those aside get their turn however many come in.
+constexpr std::size_t kCommandsPerPass = 64;
+
+}  // namespace
+
+CommandProcessor::CommandProcessor(const std::uint32_t* kinds, std::size_t kindCount,
+                                   MTThread::MTPriority priority, LockClass sectionClass)
+    : wake_(MTInterface::NewSemaphore(1, 0)),
+      section_(NewCritSec(sectionClass)),
+      asideCount_(MTInterface::NewAtomicUnsigned32(0)),
+      kinds_(new (std::nothrow) std::uint32_t[kindCount]),
+      kindCount_(kindCount),
+      queue_(/*ascending=*/true, /*threadSafe=*/true),
+      aside_(/*ascending=*/true, /*threadSafe=*/true) {
+  if (!kinds_) return;
+  std::copy_n(kinds, kindCount, kinds_.get());
+  thread_.reset(MTInterface::NewThread(this, priority, MTThread::kProcessorAny));
+}
+
+CommandProcessor::~CommandProcessor() {
+  if (thread_) thread_->Terminate(kWithoutLimit);
+  RemoveAll();
+}
+
+void CommandProcessor::ThreadMain(MTThread* thread) {
+  LibraryThreadMark mark;
+  while (!thread->IsTerminating()) {
+    std::uint32_t timeoutMs = kWithoutLimit;
+    if (goesOnAtOnce_) {
+      timeoutMs = 0;
+    } else if (asideCount_->Get() != 0) {
+      timeoutMs = kTryAgainMs;
+    }
+    wake_->Wait(timeoutMs, 1);
+    if (thread->IsTerminating()) return;
+    RunPass(thread);
+  }
+}
+
+void CommandProcessor::Add(Command* command) {
+  AddQuietly(command);
+  Wake();
+}
+
+void CommandProcessor::AddQuietly(Command* command) {
+  if (command) queue_.AddObject(command);
+}
+
+void CommandProcessor::Remove(CommandFinder* finder) {
+  ReportScope scope;
+  CritSecLock lock(section_.get());
+  RemoveMatching(finder);
+}
+
+void CommandProcessor::RemoveAll() {
+  Remove(nullptr);
+}
+
+void CommandProcessor::RemoveMatching(CommandFinder* finder) {
+  CommandRemover remover(finder);
+  queue_.RemoveAllMatching(&remover);
+  aside_.RemoveAllMatching(&remover);
+  SetAside(static_cast<std::uint32_t>(aside_.GetCount()));
+  remover.FinishRemoved();
+}
+
+void CommandProcessor::Wake() {
+  wake_->Release(1);
+}
+
+void CommandProcessor::WakeIfWaiting() {
+  if (asideCount_->Get() != 0) Wake();
+}
+
+void CommandProcessor::Hold() {
+  section_->Enter();
+}
+
+void CommandProcessor::Release() {
+  section_->Leave();
+}
+
+Command* CommandProcessor::TakeNext(CommandFinder* finder) {
+  auto* const next = static_cast<Command*>(queue_.GetFirst());
+  if (!next || !finder->Matches(next, next->GetKind())) return nullptr;
+  // Only the worker and those who hold the section take commands out, so it is there still; one
+  // that is due earlier may have come in front of it.
+  class Same : public SortedObjectFinder {
+   public:
+    explicit Same(SortedObject* sought) : sought_(sought) {}
+    bool Check(SortedObject* object) override { return object == sought_; }
+
+   private:
+    SortedObject* const sought_;
+  };
+  Same same(next);
+  return static_cast<Command*>(queue_.FindAndRemove(&same));
+}
+
+std::uint64_t CommandProcessor::GetPass() {
+  CritSecLock lock(section_.get());
+  return pass_;
+}
+
+void CommandProcessor::TerminateBody() {
+  Wake();
+}
+
+void CommandProcessor::RunPass(MTThread* thread) {
+  Pass pass;
+  {
+    CritSecLock lock(section_.get());
+    pass.number = ++pass_;
+  }
+  if (kindCount_ == 0) {
+    RunNext(thread, nullptr, &pass);
+  }
+  for (std::size_t k = 0; k < kindCount_; ++k) {
+    while (pass.commandsRun < kCommandsPerPass && RunNext(thread, &kinds_[k], &pass)) {
+    }
+  }
+  const bool wasCut = pass.commandsRun >= kCommandsPerPass;
+  goesOnAtOnce_ = wasCut || (pass.madeProgress && asideCount_->Get() != 0);
+}
+
+// False when there is nothing more to run in this pass.
+bool CommandProcessor::RunNext(MTThread* thread, const std::uint32_t* kind, Pass* pass) {
+  if (thread->IsTerminating()) return false;
+  // Closes after the section was left and the command is gone.
+  ReportScope scope;
+  Command* command = nullptr;
+  bool finished = false;
+  bool cancelled = false;
+  {
+    CritSecLock lock(section_.get());
+    command = Pick(kind, *pass);
+    if (!command) return false;
+    finished = Run(thread, command, pass, &cancelled);
+  }
+  if (finished) command->Finish(cancelled);
+  return true;
+}
+
+// Those aside come before those of the same due time that came later.
+Command* CommandProcessor::Pick(const std::uint32_t* kind, const Pass& pass) {
+  auto* const aside = static_cast<Command*>(pass.triesAside ? aside_.GetFirst() : nullptr);
+  if (aside && aside->GetPass() < pass.number) {
+    const SortedObject* const next = queue_.GetFirst();
+    const auto* const fresh = static_cast<const Command*>(next);
+    if (!fresh || aside->sortKey_ <= fresh->sortKey_) {
+      SortedObject* const taken = aside_.RemoveFirst();
+      SetAside(static_cast<std::uint32_t>(aside_.GetCount()));
+      return static_cast<Command*>(taken);
+    }
+  }
+  if (!kind) return static_cast<Command*>(queue_.RemoveFirst());
+  CommandPicker picker(*kind, pass.number);
+  return static_cast<Command*>(queue_.FindAndRemove(&picker));
+}
+
+// Whether the command is to be finished; otherwise it has been put aside.
+bool CommandProcessor::Run(MTThread* thread, Command* command, Pass* pass, bool* cancelled) {
+  command->SetPass(pass->number);
+  ++pass->commandsRun;
+  *cancelled = true;
+  if (thread->IsTerminating()) return true;
+  try {
+    *cancelled = !command->Execute();
+  } catch (...) {
+    // The others go on without it.
+    MTInterface::DebugString("Unhandled Exception In Cache Command\n");
+    pass->madeProgress = true;
+    return true;
+  }
+  if (!*cancelled) {
+    pass->madeProgress = true;
+    return true;
+  }
+  pass->triesAside = false;
+  return thread->IsTerminating() || !PutAside(command);
+}
+
+bool CommandProcessor::PutAside(Command* command) {
+  try {
+    aside_.AddObject(command);
+  } catch (...) {
+    return false;  // memory is short
+  }
+  SetAside(static_cast<std::uint32_t>(aside_.GetCount()));
+  return true;
+}
+
+void CommandProcessor::SetAside(std::uint32_t count) {
+  AtomicExchange(asideCount_.get(), count);
+}
+
+}  // namespace Orvane

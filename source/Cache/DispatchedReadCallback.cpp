@@ -1,0 +1,147 @@
+#include "Cache/DispatchedReadCallback.h"
+
+#include <algorithm>
+
+#include "Buffer.h"
+#include "BufferFactory.h"
+#include "BufferList.h"
+#include "Cache/BatchRegistry.h"
+#include "Cache/CacheBlock.h"
+#include "Cache/CacheCommands.h"
+#include "Cache/CommandProcessor.h"
+#include "Cache/TransactionInternals.h"
+#include "OSServices/CritSecLock.h"
+#include "OSServices/LockClass.h"
+#include "OSServices/ReportScope.h"
+
+namespace Orvane {
+namespace {
+
+constexpr const char* kFile = "source/Cache/DispatchedReadCallback";
+constexpr const char* kCallback = "Orvane::DispatchedReadCallback::Callback";
+constexpr std::size_t kUsualBlocks = 4;
+
+}  // namespace
+
+DispatchedReadCallback::DispatchedReadCallback(const BatchContext& context, CacheSource* source,
+                                               std::uint32_t dueTime)
+    : context_(context), lock_(NewCritSec(LockClass::kBatch)), source_(source), dueTime_(dueTime) {
+  blocks_.reserve(kUsualBlocks);
+  list_ = new BufferList(kUsualBlocks);
+}
+
+DispatchedReadCallback::~DispatchedReadCallback() {
+  constexpr const char* kFunction = "Orvane::DispatchedReadCallback::~DispatchedReadCallback";
+  if (transaction_) transaction_->DecRef(kFile, kFunction, __LINE__);
+  list_->DecRef(kFile, kFunction, __LINE__);
+}
+
+bool DispatchedReadCallback::Append(CacheBlock* block) {
+  CritSecLock lock(lock_.get());
+  const std::uint64_t offset = block->GetSourceOffset();
+  if (!blocks_.empty() && offset != end_) return false;
+  if (blocks_.size() == blocks_.capacity()) blocks_.reserve(2 * blocks_.size());
+  list_->AddBuffer(block->GetBuffer(), /*adoptReference=*/false);
+  if (blocks_.empty()) start_ = offset;
+  end_ = offset + block->GetCapacity();
+  blocks_.push_back(block);
+  return true;
+}
+
+void DispatchedReadCallback::Dispatch() {
+  // The end may come before this returns.
+  SharedObjectAutoRef keep(this);
+  if (list_->GetNumberOfBuffers() == 0) {
+    DecRef(kFile, "Orvane::DispatchedReadCallback::Dispatch", __LINE__);
+    return;
+  }
+  context_.registry->Add(this);
+  try {
+    QueueRead();
+  } catch (...) {
+    EndWith(CacheSource::kResultError, 0);
+  }
+}
+
+void DispatchedReadCallback::QueueRead() {
+  transaction_ = new CacheTransaction;
+  TransactionInternals::MarkAsBatch(transaction_);
+  transaction_->Setup(source_, start_, list_, this, dueTime_, MTThread::kPriorityNormal);
+  std::unique_ptr<DispatchedReadCommand, FinishUnused> command(
+      new DispatchedReadCommand(context_.cache, transaction_));
+  context_.dispatchedReadProcessor->Add(command.get());
+  command.release();
+}
+
+void DispatchedReadCallback::Callback(CacheSource::Result_t result, CacheTransaction*,
+                                      std::uint64_t bytesDone) {
+  EndWith(result, bytesDone);
+}
+
+void DispatchedReadCallback::EndWith(CacheSource::Result_t result, std::uint64_t bytes) {
+  CommandProcessor* waiting = nullptr;
+  {
+    CritSecLock lock(lock_.get());
+    if (orphansFactory_) {
+      for (std::size_t k = 0; k < list_->GetNumberOfBuffers(); ++k) {
+        orphansFactory_->ReturnBufferToFactory(list_->GetBuffer(k));
+      }
+      ReportScope::Release(orphansFactory_, kFile, kCallback, __LINE__);
+      orphansFactory_ = nullptr;
+    }
+    if (!blocks_.empty()) {
+      waiting = context_.dispatchedReadProcessor;
+      for (CacheBlock* const block : blocks_) {
+        const std::uint64_t share = std::min(bytes, block->GetCapacity());
+        CompleteBlock(block, result, share);
+        bytes -= share;
+      }
+      blocks_.clear();
+      // The source has room for another.
+      waiting->WakeIfWaiting();
+      context_.registry->Remove(this);
+    }
+  }
+  // Not here: this runs inside the transaction's lock.
+  if (transaction_) {
+    ReportScope::Release(std::exchange(transaction_, nullptr), kFile, kCallback, __LINE__);
+  }
+  ReportScope::Release(this, kFile, kCallback, __LINE__);
+}
+
+// A failed block is invalidated first: released, it may be claimed for another range at once.
+void DispatchedReadCallback::CompleteBlock(CacheBlock* block, CacheSource::Result_t result,
+                                           std::uint64_t bytes) {
+  if (result == CacheSource::kResultFailed) {
+    block->InvalidateBySource(source_);
+    block->CompleteReadInto(bytes, result);
+    return;
+  }
+  block->CompleteReadInto(bytes, result);
+  try {
+    std::unique_ptr<DispatchedCopyCommand, FinishUnused> command(
+        new DispatchedCopyCommand(dueTime_, context_.cache, source_, block));
+    context_.copyProcessor->Add(command.get());
+    command.release();
+  } catch (...) {
+    // Memory is short: here and now, then.
+    block->ProcessPendingTransactions(nullptr);
+  }
+}
+
+void DispatchedReadCallback::Orphan() {
+  CritSecLock lock(lock_.get());
+  if (blocks_.empty()) return;
+  orphansFactory_ = context_.factory;
+  orphansFactory_->AddRef(kFile, "Orvane::DispatchedReadCallback::Orphan", __LINE__);
+  for (CacheBlock* const block : blocks_) {
+    block->InvalidateBySource(source_);
+    block->CompleteReadInto(0, CacheSource::kResultFailed);
+    // The device may still write into it; it stays with the list.
+    block->ReleaseBuffer();
+  }
+  blocks_.clear();
+  context_.registry->Remove(this);
+}
+
+}  // namespace Orvane
