@@ -22,21 +22,34 @@ class BufferList;
 //
 // Asynchronous operations answer kResultPending when started and then report exactly once through
 // the callback, possibly before the start has returned. Any other answer means that no callback
-// follows. A null callback is allowed: the operation runs and nothing is reported.
-// Synchronous operations wait, and never answer kResultPending. Byte counts are written only by a
-// call whose operation was started; the pointer may be null.
+// follows. A null callback is allowed where no cache is attached: the operation runs and nothing is
+// reported. Synchronous operations wait, and never answer kResultPending. Byte counts are written
+// only by a call whose operation was started; the pointer may be null.
 //
-// Rules for callbacks. They run on the thread that completes the I/O, for native files the one I/O
-// thread of the process, with no lock of the library held. While one runs, no other request is
-// reported, so it must not block. Inside it, asynchronous reads and writes, Cancel, Close, Delete
-// and any release (of the source too) work; synchronous reads and writes answer kResultError. An
-// exception that escapes is caught and logged. Outside callbacks, Cancel, Close, Delete and the
-// last release of a source wait for reports: hold no lock there that a callback takes.
+// With a cache attached (UseCache) reads of any offset and size are served from its blocks, which
+// are filled as needed; a synchronous read of what is in memory is copied on the calling thread. A
+// cached read that cannot be started answers kResultNotSupported, whatever the reason: a null or
+// empty list, no callback, a range that passes 2^64, a source that is being cancelled, a cache
+// without blocks. Writes go to the file; before a write starts, the blocks of its range are
+// invalidated: cached reads that wait for them end with kResultFailed. When it has ended, whatever
+// its result, nothing that was read before is served to a read that starts after the report. Writes
+// by others, another source on the same file for instance, are not noticed.
 //
-// Ownership. Until the callback the library holds a reference on the list, its buffers stay locked,
-// and their memory must not be touched. When the callback runs (or the synchronous call returns),
-// the buffers are unlocked and the library no longer uses them. One request at a time per list. The
-// library holds a reference of the callback object from an accepted start to the end of its call.
+// Rules for callbacks. They run on the thread that completes the request, with no lock of the
+// library held: the one I/O thread of the process, a thread of the cache, or the thread inside
+// whose Cancel, Close, Purge, Invalidate, cached write or last release the request ends. While one
+// runs on a thread of the library, others wait: it must not block. Inside it, asynchronous reads
+// and writes, PreRead, Invalidate, Cancel, Purge, Close, Delete, statistics and any release (of
+// source and cache too) work; on threads of the library synchronous reads and writes answer
+// kResultError. An exception that escapes is caught and logged. Outside callbacks, Cancel, Close,
+// Delete and the last release of a source wait for reports: hold no lock there that a callback
+// takes.
+//
+// Ownership. Until the callback the library holds a reference on the list, its buffers may be
+// locked, and their memory must not be touched. When the callback runs (or the synchronous call
+// returns), the buffers are unlocked and the library no longer uses them. One request at a time per
+// list. The library holds a reference of the callback object from an accepted start to the end of
+// its call.
 //
 // Safe from any thread.
 class ORVANE_EXPORT FileSource : public CacheSource {
@@ -64,8 +77,9 @@ class ORVANE_EXPORT FileSource : public CacheSource {
   };
 
   // Reads into a buffer or a list. kResultOK with all bytes, kResultPartial with the bytes before
-  // the end of the file, kResultOutOfRange at or behind it; kResultError for a null argument, on a
-  // thread of the library, or when the host fails; or the answer of a start that failed.
+  // the end of the file, kResultOutOfRange at or behind it; kResultError for a null argument
+  // (kResultNotSupported with a cache), on a thread of the library, or when the host fails; or the
+  // answer of a start that failed.
   virtual Result_t Read(std::uint64_t offset, Buffer* buffer, std::uint64_t* bytesRead);
   virtual Result_t ReadWithList(std::uint64_t offset, BufferList* list, std::uint64_t* bytesRead);
 
@@ -81,8 +95,8 @@ class ORVANE_EXPORT FileSource : public CacheSource {
                                               ResultCallbackBufferList* callback,
                                               std::uint32_t dueTime) = 0;
 
-  // Asks for a range to be fetched ahead of need. Does nothing on a source without a cache unless
-  // the concrete class supports pre-reads itself.
+  // Asks for a range to be fetched ahead of need, see Cache::PreRead. Does nothing on a source
+  // without a cache unless the concrete class supports pre-reads itself.
   virtual void PreRead(std::uint64_t offset, std::uint64_t size, std::uint32_t dueTime,
                        MTThread::MTPriority priority);
   virtual void PreReadNonCached(std::uint64_t offset, std::uint64_t size, std::uint32_t dueTime,
@@ -101,9 +115,9 @@ class ORVANE_EXPORT FileSource : public CacheSource {
                                                ResultCallbackBufferList* callback,
                                                std::uint32_t dueTime) = 0;
 
-  // Cancels every outstanding request of this source. Each is reported (kResultFailed, 0 bytes)
-  // before Cancel returns, and only after the host has let go of its buffers, so Cancel waits for
-  // a transfer that the host cannot stop. Works inside callbacks.
+  // Cancels every outstanding request of this source, cached or not. Each is reported
+  // (kResultFailed, 0 bytes) before Cancel returns, and only after the host has let go of its
+  // buffers, so Cancel waits for a transfer that the host cannot stop. Works inside callbacks.
   virtual void Cancel();
   virtual void CancelNonCached() = 0;
 
@@ -115,6 +129,10 @@ class ORVANE_EXPORT FileSource : public CacheSource {
   void CancelAllTransactions() override;
   void PreReadTransaction(CacheTransaction* transaction) override;
   bool SupportsPreReadTransactions() override;
+
+ private:
+  bool ReadResident(std::uint64_t offset, Buffer* buffer, BufferList* list, std::uint64_t size,
+                    std::uint64_t* bytesRead);
 };
 
 }  // namespace Orvane

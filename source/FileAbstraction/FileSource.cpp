@@ -2,7 +2,12 @@
 
 #include "Buffer.h"
 #include "BufferList.h"
+#include "Cache.h"
+#include "CacheTransaction.h"
+#include "FileAbstraction/ResultBufferListWrapper.h"
 #include "FileAbstraction/ResultCallbackWrapper.h"
+#include "FileAbstraction/TransactionWrapper.h"
+#include "FileAbstraction/WriteCallbackWrapper.h"
 #include "OSServices/LibraryThread.h"
 
 namespace Orvane {
@@ -71,16 +76,30 @@ FileSource::~FileSource() = default;
 
 FileSource::Result_t FileSource::Read(std::uint64_t offset, Buffer* buffer,
                                       std::uint64_t* bytesRead) {
-  if (!buffer) return kResultError;
+  if (!buffer) return GetCache() ? kResultNotSupported : kResultError;
+  if (ReadResident(offset, buffer, nullptr, buffer->GetSize(), bytesRead)) return kResultOK;
   return RunSynchronously(this, &FileSource::ReadAsyncWithList, offset, buffer, nullptr, bytesRead,
                           {"Orvane::FileSource::Read", 279});
 }
 
 FileSource::Result_t FileSource::ReadWithList(std::uint64_t offset, BufferList* list,
                                               std::uint64_t* bytesRead) {
-  if (!list) return kResultError;
+  if (!list) return GetCache() ? kResultNotSupported : kResultError;
+  if (ReadResident(offset, nullptr, list, list->GetTotalSizeOfBuffers(), bytesRead)) {
+    return kResultOK;
+  }
   return RunSynchronously(this, &FileSource::ReadAsyncWithList, offset, nullptr, list, bytesRead,
                           {"Orvane::FileSource::ReadWithList", 291});
+}
+
+// Without another thread, when everything is in memory.
+bool FileSource::ReadResident(std::uint64_t offset, Buffer* buffer, BufferList* list,
+                              std::uint64_t size, std::uint64_t* bytesRead) {
+  Cache* const cache = GetCache();
+  if (!cache || LibraryThreadMark::IsSetOnThisThread()) return false;
+  if (!cache->ReadResident(this, offset, buffer, list, size)) return false;
+  if (bytesRead) *bytesRead = size;
+  return true;
 }
 
 FileSource::Result_t FileSource::ReadAsync(std::uint64_t offset, Buffer* buffer,
@@ -92,15 +111,23 @@ FileSource::Result_t FileSource::ReadAsync(std::uint64_t offset, Buffer* buffer,
 FileSource::Result_t FileSource::ReadAsyncWithList(std::uint64_t offset, BufferList* list,
                                                    ResultCallbackBufferList* callback,
                                                    std::uint32_t dueTime) {
-  if (!list) return kResultError;
-  // A cache that does not start a read answers with this one code, whatever its reason.
-  if (GetCache()) return kResultNotSupported;
-  return ReadAsyncWithListNonCached(offset, list, callback, dueTime);
+  Cache* const cache = GetCache();
+  if (!cache) {
+    return list ? ReadAsyncWithListNonCached(offset, list, callback, dueTime) : kResultError;
+  }
+  // Whatever keeps a cached read from starting is answered with this one code.
+  if (!list || !callback || list->GetTotalSizeOfBuffers() == 0) return kResultNotSupported;
+  auto* const wrapper = new ResultBufferListWrapper(this, cache, offset, list, callback, dueTime);
+  return wrapper->Initiate();
 }
 
 void FileSource::PreRead(std::uint64_t offset, std::uint64_t size, std::uint32_t dueTime,
                          MTThread::MTPriority priority) {
-  if (!GetCache()) PreReadNonCached(offset, size, dueTime, priority);
+  if (Cache* const cache = GetCache()) {
+    cache->PreRead(this, offset, size, dueTime, priority);
+  } else {
+    PreReadNonCached(offset, size, dueTime, priority);
+  }
 }
 
 void FileSource::PreReadNonCached(std::uint64_t, std::uint64_t, std::uint32_t,
@@ -134,22 +161,57 @@ FileSource::Result_t FileSource::WriteAsyncWithList(std::uint64_t offset, Buffer
                                                     ResultCallbackBufferList* callback,
                                                     std::uint32_t dueTime) {
   if (!list) return kResultError;
-  return WriteAsyncWithListNonCached(offset, list, callback, dueTime);
+  Cache* const cache = GetCache();
+  if (!cache) return WriteAsyncWithListNonCached(offset, list, callback, dueTime);
+  const std::uint64_t size = list->GetTotalSizeOfBuffers();
+  auto* const wrapper = new WriteCallbackWrapper(this, cache, offset, size, callback);
+  Result_t result = kResultError;
+  try {
+    cache->Invalidate(this, offset, size);
+    result = WriteAsyncWithListNonCached(offset, list, wrapper, dueTime);
+  } catch (...) {
+    wrapper->Abandon();
+    throw;
+  }
+  // Once started, the wrapper may be gone.
+  if (result != kResultPending) wrapper->Abandon();
+  return result;
 }
 
 void FileSource::Cancel() {
-  CancelNonCached();
+  if (Cache* const cache = GetCache()) {
+    cache->Cancel(this);
+  } else {
+    CancelNonCached();
+  }
 }
 
-FileSource::Result_t FileSource::ReadTransaction(CacheTransaction*) {
-  return kResultNotSupported;
+FileSource::Result_t FileSource::ReadTransaction(CacheTransaction* transaction) {
+  if (!transaction) return kResultNotSupported;
+  auto* const wrapper = new TransactionWrapper(transaction, this);
+  Result_t result = kResultNotSupported;
+  try {
+    result = ReadAsyncWithListNonCached(transaction->GetOffset(), transaction->GetBufferList(),
+                                        wrapper, transaction->GetDueTime());
+  } catch (...) {
+    wrapper->DecRef(kFile, "Orvane::FileSource::ReadTransaction", 369);
+    throw;
+  }
+  // Once started, the wrapper may be gone.
+  if (result == kResultPending) return result;
+  wrapper->DecRef(kFile, "Orvane::FileSource::ReadTransaction", 369);
+  return result;
 }
 
 void FileSource::CancelAllTransactions() {
   CancelNonCached();
 }
 
-void FileSource::PreReadTransaction(CacheTransaction*) {}
+void FileSource::PreReadTransaction(CacheTransaction* transaction) {
+  if (!transaction || !SupportsPreReads()) return;
+  PreReadNonCached(transaction->GetOffset(), transaction->GetSize(), transaction->GetDueTime(),
+                   transaction->GetPriority());
+}
 
 bool FileSource::SupportsPreReadTransactions() {
   return SupportsPreReads();

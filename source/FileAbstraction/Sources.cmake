@@ -1,3 +1,6 @@
 list(APPEND ORVANE_SOURCES
   FileAbstraction/FileSource.cpp
-  FileAbstraction/ResultCallbackWrapper.cpp)
+  FileAbstraction/ResultBufferListWrapper.cpp
+  FileAbstraction/ResultCallbackWrapper.cpp
+  FileAbstraction/TransactionWrapper.cpp
+  FileAbstraction/WriteCallbackWrapper.cpp)

@@ -1,5 +1,6 @@
 #include "OSServices/NativeFileSourceAsync.h"
 
+#include "Cache.h"
 #include "OSServices/LockClass.h"
 
 namespace Orvane {
@@ -34,8 +35,9 @@ class ORVANE_SCOPED_CAPABILITY StateLock {
 NativeFileSourceAsync::NativeFileSourceAsync(const char* name, AsyncHandler* handler)
     : NativeFileSource(name), handler_(handler), stateLock_(NewCritSec(LockClass::kFileState)) {}
 
+// No cached request is left: each holds a reference on its source.
 NativeFileSourceAsync::~NativeFileSourceAsync() {
-  NativeFileSourceAsync::Close();
+  CloseFile(/*cache=*/nullptr);
 }
 
 bool NativeFileSourceAsync::Open(bool forRead, bool forWrite, bool create) {
@@ -49,23 +51,34 @@ bool NativeFileSourceAsync::Open(bool forRead, bool forWrite, bool create) {
   // Outside the lock: opening may take its time, and callbacks look at this source meanwhile.
   HostFile* const file = OpenHostFile(name, forRead, forWrite, create);
   if (!file) return false;
+  bool opened = false;
   {
     StateLock lock(stateLock_.get(), handler_);
     if (!file_) {
       file_ = file;
       openedForRead_ = forRead;
       openedForWrite_ = forWrite;
-      return true;
+      opened = true;
     }
   }
-  file->DecRef(kFile, kFunction, __LINE__);  // another Open was faster
-  return false;
+  if (!opened) {
+    file->DecRef(kFile, kFunction, __LINE__);  // another Open was faster
+    return false;
+  }
+  // The file may be another one by now.
+  if (Cache* const cache = GetCache()) cache->Purge(this);
+  return true;
 }
 
 bool NativeFileSourceAsync::Close() {
+  return CloseFile(GetCache());
+}
+
+bool NativeFileSourceAsync::CloseFile(Cache* cache) {
   HostFile* const file = AcquireFile();
   if (!file) return false;
   handler_->BeginClose(file);
+  if (cache) cache->Cancel(this);
   handler_->Cancel(file);
   bool closed = false;
   {

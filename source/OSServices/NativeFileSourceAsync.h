@@ -41,6 +41,7 @@ class NativeFileSourceAsync : public NativeFileSource {
   virtual bool DeleteHostFile(const char* name) = 0;
 
  private:
+  bool CloseFile(Cache* cache);
   Result_t Submit(AsyncHandler::Direction direction, std::uint64_t offset, BufferList* list,
                   ResultCallbackBufferList* callback);
   // The open file with a reference for the caller, or null.
