@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Uses the library as another project does: installs a build into a temporary folder, builds programs
 # against it through CMake and pkg-config, with the static and the shared library, and runs them.
-# Also compiles every installed header alone and the program that the README prints.
+# Also compiles every installed header alone and the programs that the README prints.
 # Usage: consumer_test.sh BUILD_FOLDER
 # shellcheck source-path=SCRIPTDIR
 set -u
@@ -53,6 +53,8 @@ through_cmake() { # static or shared, BUILD_SHARED_LIBS
   check "CMake, $1: links the right library" "links_$1" "$folder/read_file"
   prints_size "CMake, $1: read_file runs" "$folder/read_file"
   prints_size "CMake, $1: async_read runs" "$folder/async_read"
+  prints_size "CMake, $1: cached_read runs" "$folder/cached_read"
+  prints_size "CMake, $1: pre_read runs" "$folder/pre_read"
   check "CMake, $1: copy_lists runs" env LD_LIBRARY_PATH="$libraries" \
     "$folder/copy_lists" "$sample" "$folder/copy"
   check "CMake, $1: copy_lists copies" cmp "$sample" "$folder/copy"
@@ -117,14 +119,25 @@ headers() { # compiler
   done
 }
 
+# Whether a program is that of an example, but for the comment on top.
+# shellcheck disable=SC2317 # called through check
+same_program() { # file example
+  sed '1,/^#include/{/^\/\//d}' "$root/examples/$2.cpp" | diff - "$1"
+}
+
 readme() { # compiler
-  local program=$work/readme-$1 flags
-  awk '/^```cpp$/ { inside = 1; next } /^```$/ { if (inside) exit } inside' "$root/README.md" \
-    >readme.cpp
+  local number program flags
+  awk '/^```cpp$/ { file = "readme" ++count ".cpp"; next } /^```$/ { file = "" } file { print >file }' \
+    "$root/README.md"
   read -ra flags <<<"$(pkg-config --cflags --libs orvane-static)"
-  check "the README's program compiles as printed, $1" "$1" "${strict[@]}" readme.cpp "${flags[@]}" \
-    -o "$program"
-  prints_size "the README's program runs, $1" "$program"
+  check 'program 1 of the README is examples/read_file.cpp' same_program readme1.cpp read_file
+  check 'program 2 of the README is examples/cached_read.cpp' same_program readme2.cpp cached_read
+  for number in 1 2; do
+    program=$work/readme$number-$1
+    check "program $number of the README compiles as printed, $1" "$1" "${strict[@]}" \
+      "readme$number.cpp" "${flags[@]}" -o "$program"
+    prints_size "program $number of the README runs, $1" "$program"
+  done
 }
 
 check 'every public header is installed' test \

@@ -71,6 +71,141 @@ writes() {
   check 'a copy replaces a longer file' cmp source copy
 }
 
+# How many blocks of a cache, 64K each, a file of 5243003 bytes has.
+blocks=81
+
+cached_sizes() {
+  local size options
+  for size in 0 1 4095 4097 1048577 5243003; do
+    head -c "$size" /dev/urandom >source
+    # Too few blocks, pieces that fit nothing, pre-reads, one at a time and many in flight.
+    for options in '' '--block-size 4K --blocks 3 --block 10000' '--pre-read 1M --block 12345 --depth 3' \
+      '--sync --block 777K --blocks 2' '--sync --block 99999 --block-size 8K --pre-read 100K --rate 50'; do
+      # shellcheck disable=SC2086 # options are words
+      orvane read source --cached $options --passes 2 --json
+      equal "cached read of $size bytes, ${options:-as it is}" "0 $size $(xxh3_of source)" \
+        "$code $(field bytes) $(field xxh3)"
+    done
+  done
+}
+
+# A field of the pass with this number.
+field_of_pass() { # number field
+  local passes=${out#*\"passes\":}
+  printf '%s' "$passes" | grep -o '{[^{}]*}' | sed -n "$1p" | sed -E "s/.*\"$2\":([^,}]*).*/\1/"
+}
+counts_of_pass() { # number: hits, misses, direct reads, pre-reads
+  printf '%s %s %s %s' "$(field_of_pass "$1" hits)" "$(field_of_pass "$1" misses)" \
+    "$(field_of_pass "$1" direct_reads)" "$(field_of_pass "$1" pre_reads)"
+}
+
+# Of two numbers; says so when they are none.
+sum() { if [[ $1,$2 =~ ^[0-9]+,[0-9]+$ ]]; then echo $(($1 + $2)); else echo "no numbers: $1, $2"; fi; }
+
+cached_counts() {
+  local options hits misses
+  head -c 5243003 /dev/urandom >source
+  for options in '--sync --block 64K' '--block 64K' '--block 1M --depth 2'; do
+    # shellcheck disable=SC2086
+    orvane read source --cached --block-size 64K --blocks 100 $options --passes 2 --json
+    equal "cold read misses every block, $options" "0 $blocks $blocks 0" "$(counts_of_pass 1)"
+    equal "warm read misses none, $options" "$blocks 0 0 0" "$(counts_of_pass 2)"
+    equal "the last pass is the result, $options" "$blocks 0" "$(field hits) $(field misses)"
+  done
+  orvane read source --cached --block-size 64K --blocks 20 --sync --block 64K --passes 2 --json
+  equal 'too few blocks: the second read misses every block too' "0 $blocks $blocks 0" \
+    "$(counts_of_pass 2)"
+  for options in '--sync --block 64K' '--block 64K --depth 4'; do
+    # shellcheck disable=SC2086
+    orvane read source --cached --block-size 64K --blocks 100 --pre-read 1M $options --json
+    hits=$(field hits)
+    misses=$(field misses)
+    equal "pre-reads: each block is a hit or a miss, $options" "$blocks" "$(sum "$hits" "$misses")"
+    equal "pre-reads: misses are read, $options" "$misses" "$(field direct_reads)"
+    check "pre-reads: blocks are read ahead, $options" test "$(field pre_reads)" -gt 0
+    check "pre-reads: blocks read ahead are hits, $options" test "$hits" -gt 0
+  done
+  orvane read source --cached --blocks 100 --pre-read 1M --rate 500 --json
+  equal 'JSON says what the cache was' 'true 65536 100 1048576 500' \
+    "$(field cached) $(field block_size) $(field blocks) $(field pre_read) $(field rate)"
+  orvane read source --json
+  equal 'JSON of a read without a cache' 'false' "$(field cached)"
+  check 'no counts without a cache' test "$out" = "${out#*hits}"
+  orvane read source --sync --passes 3 --json
+  equal 'passes without a cache' "0 3 $(xxh3_of source)" \
+    "$code $(grep -o '"seconds"' <<<"${out#*passes}" | wc -l) $(field xxh3)"
+  orvane read source --cached --blocks 100 --block 64K --passes 2
+  contains 'text: the counts of a cold pass' \
+    "hits 0, misses $blocks, direct_reads $blocks, pre_reads 0" "$(grep '^passes 1 ' <<<"$out")"
+  contains 'text: the counts of a warm pass' \
+    "hits $blocks, misses 0, direct_reads 0, pre_reads 0" "$(grep '^passes 2 ' <<<"$out")"
+}
+
+cached_copies() {
+  local size
+  for size in 0 1 4097 5243003; do
+    head -c "$size" /dev/urandom >source
+    rm -f copy
+    orvane copy source copy --cached --pre-read 512K --block 100K --verify --json
+    equal "copy of $size bytes through a cache succeeds" "0 true" "$code $(field verified)"
+    check "copy of $size bytes through a cache is exact" cmp source copy
+    equal "copy of $size bytes through a cache: checksum" "$(xxh3_of source)" "$(field xxh3)"
+  done
+  orvane copy source copy --cached --pre-read 512K --block 64K --json
+  equal 'copy through a cache: each block is a hit or a miss' "$blocks" \
+    "$(sum "$(field hits)" "$(field misses)")"
+  orvane copy source copy --cached --block-size 4K --blocks 2 --depth 61 --block 4K
+  check 'copy through a cache that is too small is exact' cmp source copy
+}
+
+# A command line that is refused: exit code 2 and the cause, in text and in JSON.
+refuses() { # what cause arguments...
+  local what=$1 cause=$2
+  shift 2
+  orvane "$@"
+  equal "$what: exit code" 2 "$code"
+  contains "$what: names the cause" "$cause" "$err"
+  orvane "$@" --json
+  equal "$what: exit code in JSON" 2 "$(field exit_code)"
+}
+
+cached_errors() {
+  head -c 10000 /dev/urandom >source
+  refuses 'odd block size' '5000 is not a multiple of the page size' \
+    read source --cached --block-size 5000
+  refuses 'odd block size in a copy' '5000 is not a multiple of the page size' \
+    copy source refused --cached --block-size 5000
+  check 'a refused copy makes no file' test ! -e refused
+  refuses 'block size 0' 'between one page and 1G' read source --cached --block-size 0
+  refuses 'block size 2G' 'between one page and 1G' read source --cached --block-size 2G
+  refuses 'no blocks' '--blocks' read source --cached --blocks 0
+  refuses 'no passes' '--passes' read source --passes 0
+  refuses 'rate 0' '--rate' read source --cached --pre-read 64K --rate 0
+  refuses 'window larger than the cache' 'do not fit into 16 blocks of 64.0 KiB' \
+    read source --cached --blocks 16 --pre-read 2M
+  refuses 'more than half of the memory' 'half of the main memory' \
+    read source --cached --block-size 1G --blocks 100000
+  refuses 'blocks without a cache' '--blocks requires --cached' read source --blocks 10
+  refuses 'pre-reads without a cache' '--pre-read requires --cached' copy source copy --pre-read 1M
+  refuses 'rate without pre-reads' '--rate requires --pre-read' read source --cached --rate 100
+  refuses 'a cache for a write' '--cached' write copy --size 10 --cached
+  orvane read missing --cached
+  fails_with 'missing file, cached' 3 missing 'no such file'
+  # An address space that holds the tool, and not the cache.
+  if (ulimit -v 500000 && "$tool" read source --json >out 2>err) 2>/dev/null; then
+    (
+      ulimit -v 500000
+      "$tool" read source --cached --blocks 8192 --json >out 2>err
+      echo $? >code
+    )
+    code=$(cat code)
+    err=$(cat err)
+    fails_with 'memory short for a cache' 1 '8192 blocks of 64.0 KiB' 'not enough memory'
+  else
+    skip 'memory short for a cache' 'the tool itself does not run with little memory'
+  fi
+}
+
 names() {
   local name
   head -c 10000 /dev/urandom >source
@@ -251,6 +386,18 @@ interruptions() {
   equal 'Ctrl-C in a read: exit code' 130 "$code"
   interrupt INT holes read holes --sync
   equal 'Ctrl-C in a synchronous read: exit code' 130 "$code"
+  interrupt INT holes read holes --cached --depth 61 --json
+  equal 'Ctrl-C in a cached read: exit code' 130 "$code"
+  equal 'Ctrl-C in a cached read: JSON names the file' holes "$(field file)"
+  interrupt INT holes read holes --cached --pre-read 16M --block 64K
+  equal 'Ctrl-C in a cached read with pre-reads: exit code' 130 "$code"
+  interrupt INT holes read holes --cached --pre-read 16M --block 64K --sync
+  equal 'Ctrl-C in a synchronous cached read with pre-reads: exit code' 130 "$code"
+  interrupt TERM holes read holes --cached --blocks 2 --block 3M --sync
+  equal 'termination of a synchronous cached read: exit code' 130 "$code"
+  interrupt INT copy copy holes copy --cached --pre-read 4M
+  equal 'Ctrl-C in a cached copy: exit code' 130 "$code"
+  check 'Ctrl-C in a cached copy: the incomplete copy is removed' test ! -e copy
   interrupt INT written write written --size 200G
   equal 'Ctrl-C in a write: exit code' 130 "$code"
   check 'Ctrl-C in a write: the incomplete file is removed' test ! -e written
@@ -293,6 +440,10 @@ progress() {
 
 sizes
 writes
+cached_sizes
+cached_counts
+cached_copies
+cached_errors
 names
 errors
 permissions

@@ -32,9 +32,12 @@ Block::~Block() {
   buffer_->Unlock();
 }
 
-Ref<Orvane::BufferList> Block::NewList() {
+std::uint64_t Block::PagedBytes() const {
   const std::uint64_t page = Orvane::PhysMemInterface::GetPageSize();
-  const std::uint64_t wanted = (bytes + page - 1) / page * page;
+  return (bytes + page - 1) / page * page;
+}
+
+Ref<Orvane::BufferList> Block::NewList(std::uint64_t wanted) {
   if (wanted == buffer_->GetSize()) {
     return Ref(new Orvane::BufferList(buffer_.get(), /*adoptReference=*/false, 1));
   }
@@ -43,12 +46,12 @@ Ref<Orvane::BufferList> Block::NewList() {
 }
 
 CacheSource::Result_t Block::Read(Orvane::FileSource& file) {
-  const Ref<Orvane::BufferList> list = NewList();
+  const Ref<Orvane::BufferList> list = NewList(file.GetCache() != nullptr ? bytes : PagedBytes());
   return file.ReadAsyncWithList(offset, list.get(), this, CacheSource::kDueASAP);
 }
 
 CacheSource::Result_t Block::Write(Orvane::FileSource& file) {
-  const Ref<Orvane::BufferList> list = NewList();
+  const Ref<Orvane::BufferList> list = NewList(PagedBytes());
   const std::size_t padding = list->GetTotalSizeOfBuffers() - bytes;
   std::memset(static_cast<unsigned char*>(data()) + bytes, 0, padding);
   return file.WriteAsyncWithList(offset, list.get(), this, CacheSource::kDueASAP);

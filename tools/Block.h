@@ -46,8 +46,9 @@ class Block : public Orvane::FileSource::ResultCallbackBufferList {
   // Takes over the buffer and keeps it locked, so that data() stays valid.
   Block(Ref<Orvane::Buffer> buffer, std::shared_ptr<CompletionQueue> queue);
 
-  // Start a request of the whole block, or of the pages that hold its first `bytes` bytes. Answer
-  // kResultPending when started; the block comes out of the queue when it has finished.
+  // Start a request of the whole block, or of the pages that hold its first `bytes` bytes; a file
+  // with a cache is asked for just these. Answer kResultPending when started; the block comes out
+  // of the queue when it has finished.
   Orvane::CacheSource::Result_t Read(Orvane::FileSource& file);
   Orvane::CacheSource::Result_t Write(Orvane::FileSource& file);
 
@@ -69,8 +70,10 @@ class Block : public Orvane::FileSource::ResultCallbackBufferList {
  private:
   void Callback(Orvane::CacheSource::Result_t outcome, std::uint64_t start,
                 Orvane::BufferList* list, std::uint64_t transferred) override;
-  // The pages of the first `bytes` bytes.
-  Ref<Orvane::BufferList> NewList();
+  // The first `wanted` bytes.
+  Ref<Orvane::BufferList> NewList(std::uint64_t wanted);
+  // `bytes` in whole pages.
+  std::uint64_t PagedBytes() const;
 
   const Ref<Orvane::Buffer> buffer_;
   const std::shared_ptr<CompletionQueue> queue_;

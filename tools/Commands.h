@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 
 #include "Options.h"
@@ -22,12 +23,18 @@ struct Pass {
   std::uint64_t bytes = 0;
   std::uint64_t checksum = 0;
   double seconds = 0;
+  std::optional<CacheCounts> cache;  // of a pass through one
 };
 
 // Runs the job with a progress display; throws ToolError when it failed or was interrupted.
 Pass RunPass(const Job& job, const Options& options, const std::string& label);
 
-// Adds "bytes", "seconds", "mb_per_s", "xxh3" and "engine".
+// Adds "bytes", "seconds", "mb_per_s", "xxh3" and "engine", and the counts of a cache.
 void AddPass(nlohmann::ordered_json& report, const Pass& pass);
+// Adds "seconds", "mb_per_s", and the counts of a cache: "hits", "misses", "direct_reads",
+// "pre_reads".
+void AddFigures(nlohmann::ordered_json& report, const Pass& pass);
+// Adds "cached", and what the cache was if there was one.
+void AddCache(nlohmann::ordered_json& report, const CacheOptions& cache);
 
 }  // namespace OrvaneTool

@@ -1,5 +1,6 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <system_error>
 
 #include "Commands.h"
@@ -36,8 +37,11 @@ Pass CopyContent(const Options& options, std::uint64_t size) {
   {
     const File source(options.file, File::kForRead);
     const File destination(options.destination, File::kForWrite);
+    std::optional<ReadCache> cache;
+    if (options.cache.enabled) cache.emplace(source, options.cache);
     Job job;
     job.input = &source;
+    job.cache = cache ? &*cache : nullptr;
     job.output = &destination;
     job.bytes = size;
     pass = RunPass(job, options, "copy");
@@ -82,6 +86,7 @@ nlohmann::ordered_json RunCopy(const Options& options) {
   report["verified"] = options.verify;
   report["block"] = options.blockBytes;
   report["depth"] = options.depth;
+  AddCache(report, options.cache);
   return report;
 }
 

@@ -19,6 +19,9 @@ namespace {
 constexpr unsigned kMostInFlight = 61;
 // Below what one request to the host can carry.
 constexpr std::uint64_t kLargestBlock = std::uint64_t{1} << 30;
+constexpr unsigned kMostCacheBlocks = 1U << 30;
+constexpr unsigned kHighestRate = 1000000;
+constexpr unsigned kMostPasses = 1000;
 
 constexpr const char* kFooter = R"(Sizes take the suffixes K, M, G, T (powers of 1024).
 A file name that begins with a dash is written behind "--" or as ./-name.
@@ -55,10 +58,31 @@ void AddCommon(CLI::App& app, Options& options) {
   app.add_flag("--json", options.json, "Print one JSON object instead of text");
 }
 
+void AddCacheOptions(CLI::App& app, CacheOptions& cache) {
+  CLI::Option* const cached = app.add_flag("--cached", cache.enabled, "Read through a cache");
+  AddSize(app, "--block-size", cache.blockBytes, "Bytes per block of the cache, whole pages [64K]")
+      ->needs(cached);
+  app.add_option("--blocks", cache.blocks, "Blocks of the cache [1024]")
+      ->check(CLI::Range(1U, kMostCacheBlocks))
+      ->type_name("N")
+      ->needs(cached);
+  CLI::Option* const preRead =
+      AddSize(app, "--pre-read", cache.preReadBytes, "Pre-read this far ahead of the reader [0]");
+  preRead->needs(cached);
+  app.add_option("--rate", cache.rate, "MB/s that pre-reads are to be in time for [1000]")
+      ->check(CLI::Range(1U, kHighestRate))
+      ->type_name("N")
+      ->needs(preRead);
+}
+
 void AddRead(CLI::App& app, Options& options) {
   CLI::App* read = app.add_subcommand("read", "Read a whole file and print its checksum");
   read->add_option("FILE", options.file, "The file")->required();
   read->add_flag("--sync", options.sync, "One synchronous read after another");
+  read->add_option("--passes", options.passes, "Read the file so many times; reports the last [1]")
+      ->check(CLI::Range(1U, kMostPasses))
+      ->type_name("N");
+  AddCacheOptions(*read, options.cache);
   AddCommon(*read, options);
   read->callback([&options] { options.command = Command::kRead; });
 }
@@ -78,6 +102,7 @@ void AddCopy(CLI::App& app, Options& options) {
   copy->add_option("DST", options.destination, "The copy; an existing file is replaced")
       ->required();
   copy->add_flag("--verify", options.verify, "Read the copy again and compare checksums");
+  AddCacheOptions(*copy, options.cache);
   AddCommon(*copy, options);
   copy->callback([&options] { options.command = Command::kCopy; });
 }
@@ -86,6 +111,39 @@ void CheckBlock(const Options& options) {
   if (options.blockBytes == 0 || options.blockBytes > kLargestBlock) {
     throw CLI::ValidationError("--block", "must be between 1 byte and 1G");
   }
+  if (options.cache.blockBytes == 0 || options.cache.blockBytes > kLargestBlock) {
+    throw CLI::ValidationError("--block-size", "must be between one page and 1G");
+  }
+}
+
+std::uint64_t CacheBytes(const CacheOptions& cache) {
+  return cache.enabled ? cache.blocks * cache.blockBytes : 0;
+}
+
+void CheckCache(const CacheOptions& cache, std::uint64_t page) {
+  if (cache.blockBytes % page != 0) {
+    throw ToolError(kExitUsage, "wrong usage", "",
+                    fmt::format("--block-size: {} is not a multiple of the page size ({})",
+                                cache.blockBytes, page));
+  }
+  if (cache.preReadBytes > CacheBytes(cache)) {
+    throw ToolError(
+        kExitUsage, "wrong usage", "",
+        fmt::format("--pre-read: {} do not fit into {} blocks of {}", SizeText(cache.preReadBytes),
+                    cache.blocks, SizeText(cache.blockBytes)));
+  }
+}
+
+void CheckMemory(const Options& options) {
+  const std::uint64_t memory = PhysicalMemoryBytes();
+  const std::uint64_t blocks = options.sync ? 1 : options.depth;
+  const std::uint64_t cacheBytes = CacheBytes(options.cache);
+  if (memory == 0 || blocks * options.blockBytes + cacheBytes <= memory / 2) return;
+  std::string what = fmt::format("{} blocks of {}", blocks, SizeText(options.blockBytes));
+  if (cacheBytes > 0) what += fmt::format(" and a cache of {}", SizeText(cacheBytes));
+  throw ToolError(
+      kExitUsage, "too much memory asked for", "",
+      fmt::format("{} are more than half of the main memory ({})", what, SizeText(memory)));
 }
 
 bool WantsJson(int count, const char* const* arguments) {
@@ -135,14 +193,10 @@ Parsed ParseCommandLine(int count, const char* const* arguments) {
 
 void PrepareOptions(Options& options) {
   const std::uint64_t page = Orvane::PhysMemInterface::GetPageSize();
-  options.blockBytes = (options.blockBytes + page - 1) / page * page;
-  const std::uint64_t blocks = options.sync ? 1 : options.depth;
-  const std::uint64_t memory = PhysicalMemoryBytes();
-  if (memory != 0 && blocks * options.blockBytes > memory / 2) {
-    throw ToolError(kExitUsage, "too much memory asked for", "",
-                    fmt::format("{} blocks of {} are more than half of the main memory ({})",
-                                blocks, SizeText(options.blockBytes), SizeText(memory)));
-  }
+  const bool asksCacheOnly = options.command == Command::kRead && options.cache.enabled;
+  if (!asksCacheOnly) options.blockBytes = (options.blockBytes + page - 1) / page * page;
+  CheckCache(options.cache, page);
+  CheckMemory(options);
 }
 
 }  // namespace OrvaneTool

@@ -84,6 +84,7 @@ bool Pipeline::StartInput(Block& block) {
     block.state = Block::kReady;
     return true;
   }
+  if (job_.cache != nullptr) job_.cache->ReadingUpTo(block.offset + block.bytes);
   return Started(block, block.Read(job_.input->source()), Block::kReading);
 }
 

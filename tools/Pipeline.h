@@ -15,12 +15,14 @@
 #include "File.h"
 #include "Generator.h"
 #include "Progress.h"
+#include "ReadCache.h"
 
 namespace OrvaneTool {
 
 // One of `input` and `generator` is set. Nothing is owned.
 struct Job {
   const File* input = nullptr;
+  ReadCache* cache = nullptr;  // that the input is read through, if any
   const Generator* generator = nullptr;
   const File* output = nullptr;  // null: the data is only looked at
   std::uint64_t bytes = 0;       // the exact size

@@ -14,6 +14,13 @@ std::string ValueText(const nlohmann::ordered_json& value) {
   if (value.is_string()) return value.get<std::string>();
   if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
   if (value.is_number_float()) return fmt::format("{:.3f}", value.get<double>());
+  if (value.is_object()) {
+    std::string text;
+    for (const auto& [name, member] : value.items()) {
+      text += fmt::format("{}{} {}", text.empty() ? "" : ", ", name, ValueText(member));
+    }
+    return text;
+  }
   return value.dump();
 }
 
@@ -26,7 +33,14 @@ void PrintJson(const nlohmann::ordered_json& object) {
 
 void PrintText(const nlohmann::ordered_json& object) {
   for (const auto& [name, value] : object.items()) {
-    fmt::print("{:<12} {}\n", name, ValueText(value));
+    if (!value.is_array()) {
+      fmt::print("{:<12} {}\n", name, ValueText(value));
+      continue;
+    }
+    std::size_t number = 0;
+    for (const auto& element : value) {
+      fmt::print("{:<12} {}\n", fmt::format("{} {}", name, ++number), ValueText(element));
+    }
   }
 }
 
