@@ -27,8 +27,8 @@ TEST_F(AsyncHandlerCancelTest, ACancelledRequestIsReportedOnlyAfterItsCompletion
   EXPECT_EQ(1U, handler_->GetNumberOfSlotsInUse());
   host_.Complete(0, Outcome::kFailed);
   EXPECT_TRUE(cancel.WaitUntilDone());
-  const Report expected{kCancelled, PageSize(), list, 0};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{kCancelled, PageSize(), list, 0};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
   EXPECT_FALSE(IsLocked(list));
 }
 
@@ -39,8 +39,8 @@ TEST_F(AsyncHandlerCancelTest, ACancelledRequestCountsNothingAlsoWhenItSucceeded
   ASSERT_EQ(kPending, Read(file_, list, callback, PageSize()));
   ASSERT_TRUE(host_.WaitForIssued(1));
   handler_->Cancel(file_);
-  const Report expected{kCancelled, PageSize(), list, 0};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{kCancelled, PageSize(), list, 0};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 TEST_F(AsyncHandlerCancelTest, ARequestThatIsCancelledHalfwayIsNotContinued) {
@@ -54,8 +54,8 @@ TEST_F(AsyncHandlerCancelTest, ARequestThatIsCancelledHalfwayIsNotContinued) {
   host_.Complete(0, PageSize());
   EXPECT_TRUE(cancel.WaitUntilDone());
   EXPECT_EQ(1U, host_.CountIssued());
-  const Report expected{kCancelled, 0, list, 0};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{kCancelled, 0, list, 0};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 TEST_F(AsyncHandlerCancelTest, WithNothingOutstandingItReturns) {
@@ -78,12 +78,12 @@ TEST_F(AsyncHandlerCancelTest, EveryRequestOfTheFileIsReportedAndNoneOfAnother) 
                              first ? callback : otherCallback, i * PageSize()));
   }
   handler_->Cancel(file_);
-  std::vector<Report> reports = log_.All();
+  std::vector<RequestReport> reports = log_.All();
   ASSERT_EQ(kEach, reports.size());
   std::sort(reports.begin(), reports.end(),
-            [](const Report& a, const Report& b) { return a.offset < b.offset; });
+            [](const RequestReport& a, const RequestReport& b) { return a.offset < b.offset; });
   for (std::uint64_t i = 0; i < kEach; ++i) {
-    EXPECT_EQ((Report{kCancelled, 2 * i * PageSize(), *lists[2 * i], 0}), reports[i]);
+    EXPECT_EQ((RequestReport{kCancelled, 2 * i * PageSize(), *lists[2 * i], 0}), reports[i]);
   }
   EXPECT_EQ(0U, others.Count());
   EXPECT_EQ(kEach, handler_->GetNumberOfSlotsInUse());
@@ -108,8 +108,8 @@ TEST_F(AsyncHandlerCancelTest, TwoFilesThatCouldNotBeOpenedAreTwoFiles) {
     Resume();
   }
   ASSERT_TRUE(log_.WaitFor(2));
-  const std::vector<Report> expected{{kCancelled, 0, list, 0},
-                                     {FileSource::kResultError, 0, second, 0}};
+  const std::vector<RequestReport> expected{{kCancelled, 0, list, 0},
+                                            {FileSource::kResultError, 0, second, 0}};
   EXPECT_EQ(expected, log_.All());
 }
 
@@ -147,7 +147,7 @@ TEST_F(AsyncHandlerCancelTest, AReusedSlotIsIssuedOnceWithItsNewRequest) {
   AutoRelease<FakeFile> third(new FakeFile);
   AutoRelease<TestCallback> plain(new TestCallback(&log_));
   // On the worker, so that nothing is issued in between.
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report&) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport&) {
     EXPECT_EQ(kPending, Read(file_, list, plain, PageSize()));
     handler_->Cancel(file_);
     EXPECT_EQ(kPending, Write(other_, second, plain, 2 * PageSize()));
@@ -167,9 +167,10 @@ TEST_F(AsyncHandlerCancelTest, AReusedSlotIsIssuedOnceWithItsNewRequest) {
   host_.Complete(1);
   ASSERT_TRUE(log_.WaitFor(3));
   ASSERT_TRUE(host_.WaitUntilIdle());
-  const std::vector<Report> expected{{FileSource::kResultOK, 0, trigger, PageSize()},
-                                     {kCancelled, PageSize(), list, 0},
-                                     {FileSource::kResultOK, 2 * PageSize(), second, PageSize()}};
+  const std::vector<RequestReport> expected{
+      {FileSource::kResultOK, 0, trigger, PageSize()},
+      {kCancelled, PageSize(), list, 0},
+      {FileSource::kResultOK, 2 * PageSize(), second, PageSize()}};
   EXPECT_EQ(expected, log_.All());
 }
 
@@ -179,7 +180,7 @@ TEST_F(AsyncHandlerCancelTest, ARequestThatTheHostRefusedAtOnceCanStillBeCancell
                                      AutoRelease<BufferList>(NewPageList())};
   AutoRelease<TestCallback> plain(new TestCallback(&log_));
   AutoRelease<TestCallback> callback(
-      new TestCallback(&log_, [&](const Report&) { handler_->Cancel(file_); }));
+      new TestCallback(&log_, [&](const RequestReport&) { handler_->Cancel(file_); }));
   ASSERT_NO_FATAL_FAILURE(Block());
   ASSERT_EQ(kPending, Read(file_, lists[0], callback, PageSize()));
   ASSERT_EQ(kPending, Read(file_, lists[1], plain, 2 * PageSize()));
@@ -187,8 +188,8 @@ TEST_F(AsyncHandlerCancelTest, ARequestThatTheHostRefusedAtOnceCanStillBeCancell
   ASSERT_TRUE(log_.WaitFor(2));
   ASSERT_TRUE(host_.WaitUntilIdle());
   // Both were refused before the first was reported.
-  const std::vector<Report> expected{{FileSource::kResultError, PageSize(), lists[0], 0},
-                                     {kCancelled, 2 * PageSize(), lists[1], 0}};
+  const std::vector<RequestReport> expected{{FileSource::kResultError, PageSize(), lists[0], 0},
+                                            {kCancelled, 2 * PageSize(), lists[1], 0}};
   EXPECT_EQ(expected, log_.All());
   EXPECT_EQ(0U, host_.CountCancels());
 }
@@ -201,7 +202,7 @@ TEST_F(AsyncHandlerCancelTest, InACallbackItCancelsTheSameFileInPlace) {
   AutoRelease<TestCallback> plain(new TestCallback(&log_));
   std::size_t before = 0;
   std::size_t after = 0;
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report&) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport&) {
     before = log_.Count();
     handler_->Cancel(file_);
     after = log_.Count();
@@ -214,7 +215,7 @@ TEST_F(AsyncHandlerCancelTest, InACallbackItCancelsTheSameFileInPlace) {
   ASSERT_TRUE(host_.WaitUntilIdle());
   EXPECT_EQ(1U, before);
   EXPECT_EQ(2U, after);
-  EXPECT_EQ((Report{kCancelled, PageSize(), second, 0}), log_.All()[1]);
+  EXPECT_EQ((RequestReport{kCancelled, PageSize(), second, 0}), log_.All()[1]);
 }
 
 TEST_F(AsyncHandlerCancelTest, InACallbackItCancelsAnotherFileInPlace) {
@@ -223,7 +224,7 @@ TEST_F(AsyncHandlerCancelTest, InACallbackItCancelsAnotherFileInPlace) {
                                      AutoRelease<BufferList>(NewPageList())};
   AutoRelease<TestCallback> plain(new TestCallback(&log_));
   std::size_t after = 0;
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report&) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport&) {
     EXPECT_EQ(kPending, Read(other_, lists[1], plain));  // queued; the other one is in flight
     handler_->BeginClose(other_);
     handler_->Cancel(other_);
@@ -245,7 +246,7 @@ TEST_F(AsyncHandlerCancelTest, AnInnerCancelLeavesNothingOfItsFileOutstanding) {
   std::vector<std::unique_ptr<AutoRelease<BufferList>>> lists;
   std::vector<std::size_t> countsAfterInner;
   std::vector<bool> lockedAfterInner;
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report&) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport&) {
     handler_->Cancel(file_);
     countsAfterInner.push_back(log_.Count());
     for (const auto& list : lists) lockedAfterInner.push_back(IsLocked(*list));
@@ -260,7 +261,7 @@ TEST_F(AsyncHandlerCancelTest, AnInnerCancelLeavesNothingOfItsFileOutstanding) {
   EXPECT_EQ(kRequests, log_.Count());
   EXPECT_EQ(std::vector<std::size_t>(kRequests, kRequests), countsAfterInner);
   EXPECT_EQ(std::vector<bool>(kRequests * kRequests, false), lockedAfterInner);
-  for (const Report& report : log_.All()) EXPECT_EQ(kCancelled, report.result);
+  for (const RequestReport& report : log_.All()) EXPECT_EQ(kCancelled, report.result);
 }
 
 TEST_F(AsyncHandlerCancelTest, AnInnerCancelOfAnotherFileDoesNotDisturbTheOuterOne) {
@@ -269,7 +270,7 @@ TEST_F(AsyncHandlerCancelTest, AnInnerCancelOfAnotherFileDoesNotDisturbTheOuterO
       AutoRelease<BufferList>(NewPageList()), AutoRelease<BufferList>(NewPageList())};
   AutoRelease<TestCallback> plain(new TestCallback(&log_));
   std::size_t after = 0;
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report&) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport&) {
     handler_->Cancel(other_);
     after = log_.Count();
   }));
@@ -282,7 +283,7 @@ TEST_F(AsyncHandlerCancelTest, AnInnerCancelOfAnotherFileDoesNotDisturbTheOuterO
   EXPECT_EQ(3U, after);
   ASSERT_EQ(4U, log_.Count());
   std::vector<std::uint64_t> offsets;
-  for (const Report& report : log_.All()) {
+  for (const RequestReport& report : log_.All()) {
     EXPECT_EQ(kCancelled, report.result);
     offsets.push_back(report.offset / PageSize());
   }
@@ -293,7 +294,7 @@ TEST_F(AsyncHandlerCancelTest, ARequestMadeInTheReportOfACancelIsNotCancelledWit
   AutoRelease<BufferList> list(NewPageList());
   AutoRelease<BufferList> second(NewPageList());
   AutoRelease<TestCallback> plain(new TestCallback(&log_));
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report& report) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport& report) {
     EXPECT_EQ(kPending, Read(file_, report.list, plain, PageSize()));
   }));
   ASSERT_EQ(kPending, Read(file_, list, callback));
@@ -329,13 +330,14 @@ TEST_F(AsyncHandlerCancelTest, CompletionsOfOtherFilesAreReportedMeanwhile) {
   host_.Nudge();
   ASSERT_TRUE(host_.WaitUntilIdle());
   EXPECT_FALSE(cancel.IsDone());
-  const std::vector<Report> meanwhile{{FileSource::kResultOK, 2 * PageSize(), lists[2], PageSize()},
-                                      {FileSource::kResultError, PageSize(), lists[1], 0}};
+  const std::vector<RequestReport> meanwhile{
+      {FileSource::kResultOK, 2 * PageSize(), lists[2], PageSize()},
+      {FileSource::kResultError, PageSize(), lists[1], 0}};
   EXPECT_EQ(meanwhile, log_.All());
   host_.Complete(0);
   EXPECT_TRUE(cancel.WaitUntilDone());
   ASSERT_EQ(3U, log_.Count());
-  EXPECT_EQ((Report{kCancelled, 0, lists[0], 0}), log_.All()[2]);
+  EXPECT_EQ((RequestReport{kCancelled, 0, lists[0], 0}), log_.All()[2]);
 }
 
 TEST_F(AsyncHandlerCancelTest, InsideACallbackCompletionsOfOtherFilesAreReportedAfterwardsOnce) {
@@ -345,7 +347,7 @@ TEST_F(AsyncHandlerCancelTest, InsideACallbackCompletionsOfOtherFilesAreReported
                                      AutoRelease<BufferList>(NewPageList())};
   AutoRelease<TestCallback> plain(new TestCallback(&log_));
   AutoRelease<TestCallback> cancels(
-      new TestCallback(&log_, [&](const Report&) { handler_->Cancel(file_); }));
+      new TestCallback(&log_, [&](const RequestReport&) { handler_->Cancel(file_); }));
   ASSERT_EQ(kPending, Read(file_, lists[0], plain));
   ASSERT_EQ(kPending, Read(other_, lists[1], cancels, PageSize()));
   ASSERT_EQ(kPending, Read(other_, lists[2], plain, 2 * PageSize()));
@@ -359,9 +361,10 @@ TEST_F(AsyncHandlerCancelTest, InsideACallbackCompletionsOfOtherFilesAreReported
   host_.Complete(0);
   ASSERT_TRUE(log_.WaitFor(3));
   ASSERT_TRUE(host_.WaitUntilIdle());
-  const std::vector<Report> expected{{FileSource::kResultOK, PageSize(), lists[1], PageSize()},
-                                     {kCancelled, 0, lists[0], 0},
-                                     {FileSource::kResultOK, 2 * PageSize(), lists[2], PageSize()}};
+  const std::vector<RequestReport> expected{
+      {FileSource::kResultOK, PageSize(), lists[1], PageSize()},
+      {kCancelled, 0, lists[0], 0},
+      {FileSource::kResultOK, 2 * PageSize(), lists[2], PageSize()}};
   EXPECT_EQ(expected, log_.All());
 }
 
@@ -372,9 +375,9 @@ TEST_F(AsyncHandlerCancelTest, ACompletionThatWasKeptForLaterCanBeCancelled) {
   AutoRelease<BufferList> second(NewPageList());
   AutoRelease<TestCallback> plain(new TestCallback(&log_));
   AutoRelease<TestCallback> cancelsOwn(
-      new TestCallback(&log_, [&](const Report&) { handler_->Cancel(file_); }));
+      new TestCallback(&log_, [&](const RequestReport&) { handler_->Cancel(file_); }));
   AutoRelease<TestCallback> cancelsOther(
-      new TestCallback(&log_, [&](const Report&) { handler_->Cancel(other_); }));
+      new TestCallback(&log_, [&](const RequestReport&) { handler_->Cancel(other_); }));
   ASSERT_EQ(kPending, Read(file_, first, cancelsOwn, 2 * PageSize()));
   ASSERT_EQ(kPending, Read(file_, list, cancelsOther));
   ASSERT_EQ(kPending, Read(other_, second, plain, PageSize()));
@@ -386,9 +389,10 @@ TEST_F(AsyncHandlerCancelTest, ACompletionThatWasKeptForLaterCanBeCancelled) {
   host_.Complete(1);
   ASSERT_TRUE(log_.WaitFor(3));
   ASSERT_TRUE(host_.WaitUntilIdle());
-  const std::vector<Report> expected{{FileSource::kResultOK, 2 * PageSize(), first, PageSize()},
-                                     {kCancelled, 0, list, 0},
-                                     {kCancelled, PageSize(), second, 0}};
+  const std::vector<RequestReport> expected{
+      {FileSource::kResultOK, 2 * PageSize(), first, PageSize()},
+      {kCancelled, 0, list, 0},
+      {kCancelled, PageSize(), second, 0}};
   EXPECT_EQ(expected, log_.All());
   EXPECT_EQ(1U, host_.CountCancels());
 }

@@ -61,15 +61,15 @@ class Background {
   std::thread thread_;
 };
 
-struct Report {
+struct RequestReport {
   FileSource::Result_t result;
   std::uint64_t offset;
   BufferList* list;
   std::uint64_t bytes;
 
-  bool operator==(const Report&) const = default;
+  bool operator==(const RequestReport&) const = default;
 };
-inline void PrintTo(const Report& report, std::ostream* out) {
+inline void PrintTo(const RequestReport& report, std::ostream* out) {
   *out << "result " << report.result << " at " << report.offset << ", list " << report.list << ", "
        << report.bytes << " bytes";
 }
@@ -77,12 +77,12 @@ inline void PrintTo(const Report& report, std::ostream* out) {
 // Reports in the order of their arrival.
 class ReportLog {
  public:
-  void Add(const Report& report) {
+  void Add(const RequestReport& report) {
     const std::lock_guard<std::mutex> lock(mutex_);
     reports_.push_back(report);
     changed_.notify_all();
   }
-  std::vector<Report> All() {
+  std::vector<RequestReport> All() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return reports_;
   }
@@ -97,20 +97,20 @@ class ReportLog {
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::vector<Report> reports_;
+  std::vector<RequestReport> reports_;
 };
 
 // Enters the report into the log, then does what the test wants done in the callback.
 class TestCallback : public FileSource::ResultCallbackBufferList {
  public:
-  using Action = std::function<void(const Report&)>;
+  using Action = std::function<void(const RequestReport&)>;
 
   explicit TestCallback(ReportLog* log, Action action = {})
       : log_(log), action_(std::move(action)) {}
 
   void Callback(FileSource::Result_t result, std::uint64_t offset, BufferList* list,
                 std::uint64_t bytes) override {
-    const Report report{result, offset, list, bytes};
+    const RequestReport report{result, offset, list, bytes};
     log_->Add(report);
     if (action_) action_(report);
   }
@@ -202,7 +202,7 @@ class AsyncHandlerTest : public OrvaneTest {
     Signal resume;
     AutoRelease<FakeFile> file{new FakeFile};
     AutoRelease<BufferList> list{NewPageList()};
-    AutoRelease<TestCallback> callback{new TestCallback(&log, [this](const Report&) {
+    AutoRelease<TestCallback> callback{new TestCallback(&log, [this](const RequestReport&) {
       entered.Raise();
       EXPECT_TRUE(resume.Wait());
     })};

@@ -66,8 +66,8 @@ TEST_F(AsyncHandlerTest, ACompletedRequestIsReportedOnce) {
   host_.Complete(0);
   ASSERT_TRUE(log_.WaitFor(1));
   ASSERT_TRUE(host_.WaitUntilIdle());
-  const Report expected{FileSource::kResultOK, 8 * PageSize(), list, 2 * PageSize()};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultOK, 8 * PageSize(), list, 2 * PageSize()};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
   EXPECT_EQ(1, list->GetRefCount());
   EXPECT_EQ(1, callback->GetRefCount());
   EXPECT_EQ(1, file_->GetRefCount());
@@ -111,8 +111,8 @@ TEST_F(AsyncHandlerTest, AnImmediateFailureIsReportedOnceAsAnError) {
   ASSERT_EQ(FileSource::kResultPending, Read(file_, list, callback, PageSize()));
   ASSERT_TRUE(log_.WaitFor(1));
   ASSERT_TRUE(host_.WaitUntilIdle());
-  const Report expected{FileSource::kResultError, PageSize(), list, 0};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultError, PageSize(), list, 0};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
   EXPECT_EQ(0U, handler_->GetNumberOfSlotsInUse());
   EXPECT_FALSE(IsLocked(list));
 }
@@ -124,8 +124,8 @@ TEST_F(AsyncHandlerTest, AnImmediateEndOfFileIsOutOfRangeWithNoBytes) {
   ASSERT_EQ(FileSource::kResultPending, Read(file_, list, callback, PageSize()));
   ASSERT_TRUE(log_.WaitFor(1));
   ASSERT_TRUE(host_.WaitUntilIdle());
-  const Report expected{FileSource::kResultOutOfRange, PageSize(), list, 0};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultOutOfRange, PageSize(), list, 0};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 TEST_F(AsyncHandlerTest, AnImmediateAnswerToTheRestOfATransferEndsTheRequest) {
@@ -136,8 +136,8 @@ TEST_F(AsyncHandlerTest, AnImmediateAnswerToTheRestOfATransferEndsTheRequest) {
   host_.SetIssueAnswer(file_, Started::kEndOfFile);
   host_.Complete(0, PageSize());
   ASSERT_TRUE(log_.WaitFor(1));
-  const Report expected{FileSource::kResultPartial, 0, list, PageSize()};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultPartial, 0, list, PageSize()};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 TEST_F(AsyncHandlerTest, AFailureOfTheHostIsAnError) {
@@ -147,8 +147,8 @@ TEST_F(AsyncHandlerTest, AFailureOfTheHostIsAnError) {
   ASSERT_TRUE(host_.WaitForIssued(1));
   host_.Complete(0, Outcome::kFailed);
   ASSERT_TRUE(log_.WaitFor(1));
-  const Report expected{FileSource::kResultError, 0, list, 0};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultError, 0, list, 0};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 TEST_F(AsyncHandlerTest, AnEndOfFileAtTheStartIsOutOfRange) {
@@ -158,8 +158,8 @@ TEST_F(AsyncHandlerTest, AnEndOfFileAtTheStartIsOutOfRange) {
   ASSERT_TRUE(host_.WaitForIssued(1));
   host_.Complete(0, Outcome::kEndOfFile);
   ASSERT_TRUE(log_.WaitFor(1));
-  const Report expected{FileSource::kResultOutOfRange, 0, list, 0};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultOutOfRange, 0, list, 0};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 // Short transfers.
@@ -181,8 +181,8 @@ TEST_F(AsyncHandlerTest, AShortTransferIsContinuedFromThePageThatWasCut) {
   EXPECT_TRUE(IsLocked(list));
   host_.Complete(1);
   ASSERT_TRUE(log_.WaitFor(1));
-  const Report expected{FileSource::kResultOK, 16 * PageSize(), list, 4 * PageSize()};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultOK, 16 * PageSize(), list, 4 * PageSize()};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 TEST_F(AsyncHandlerTest, TheRestOfAListBeginsInTheRightBuffer) {
@@ -224,8 +224,8 @@ TEST_F(AsyncHandlerTest, AReadThatGetsNoFurtherIsPartial) {
   ASSERT_TRUE(log_.WaitFor(1));
   ASSERT_TRUE(host_.WaitUntilIdle());
   EXPECT_EQ(3U, host_.CountIssued());
-  const Report expected{FileSource::kResultPartial, 0, list, 100};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultPartial, 0, list, 100};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 TEST_F(AsyncHandlerTest, AnEndOfFileBehindSomeBytesIsPartial) {
@@ -237,8 +237,8 @@ TEST_F(AsyncHandlerTest, AnEndOfFileBehindSomeBytesIsPartial) {
   ASSERT_TRUE(host_.WaitForIssued(2));
   host_.Complete(1, Outcome::kEndOfFile);
   ASSERT_TRUE(log_.WaitFor(1));
-  const Report expected{FileSource::kResultPartial, 0, list, PageSize()};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultPartial, 0, list, PageSize()};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 TEST_F(AsyncHandlerTest, AReadOfNoBytesIsOutOfRange) {
@@ -248,8 +248,8 @@ TEST_F(AsyncHandlerTest, AReadOfNoBytesIsOutOfRange) {
   ASSERT_TRUE(host_.WaitForIssued(1));
   host_.Complete(0, std::uint64_t{0});
   ASSERT_TRUE(log_.WaitFor(1));
-  const Report expected{FileSource::kResultOutOfRange, 0, list, 0};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultOutOfRange, 0, list, 0};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 TEST_F(AsyncHandlerTest, AWriteThatStopsMovingIsAnError) {
@@ -274,8 +274,8 @@ TEST_F(AsyncHandlerTest, AKnownEndOfFileSavesTheLastTransfer) {
   ASSERT_TRUE(log_.WaitFor(1));
   ASSERT_TRUE(host_.WaitUntilIdle());
   EXPECT_EQ(1U, host_.CountIssued());
-  const Report expected{FileSource::kResultPartial, 8 * PageSize(), list, 5000};
-  EXPECT_EQ(std::vector<Report>{expected}, log_.All());
+  const RequestReport expected{FileSource::kResultPartial, 8 * PageSize(), list, 5000};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, log_.All());
 }
 
 TEST_F(AsyncHandlerTest, AShortWriteIsContinuedAlsoAtTheEndOfTheFile) {
@@ -472,7 +472,7 @@ TEST_F(AsyncHandlerTest, TheCallbackIsHeldFromTheStartToTheEndOfItsCall) {
   long inside = 0;
   TestCallback* seen = nullptr;
   AutoRelease<TestCallback> callback(
-      new TestCallback(&log_, [&](const Report&) { inside = seen->GetRefCount(); }));
+      new TestCallback(&log_, [&](const RequestReport&) { inside = seen->GetRefCount(); }));
   seen = callback;
   ASSERT_EQ(FileSource::kResultPending, Read(file_, list, callback));
   EXPECT_EQ(2, callback->GetRefCount());
@@ -500,7 +500,7 @@ TEST_F(AsyncHandlerTest, AtTheCallbackTheBuffersAreUnlockedAndTheListIsNotInUse)
   bool locked = true;
   long references = 0;
   std::size_t slots = kSlots;
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report& report) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport& report) {
     locked = IsLocked(report.list);
     references = report.list->GetRefCount();
     slots = handler_->GetNumberOfSlotsInUse();
@@ -523,7 +523,7 @@ TEST_F(AsyncHandlerTest, AtTheCallbackTheSlotIsFree) {
   TestCallback* again = nullptr;
   AutoRelease<TestCallback> last(new TestCallback(&log_));
   std::atomic<std::size_t> resubmitted{0};
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report& report) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport& report) {
     const bool more = resubmitted++ < (kRounds - 1) * kSlots;
     const Result_t result = Read(file_, report.list, more ? again : last.Get());
     if (result != FileSource::kResultPending) refusals.push_back(result);
@@ -549,7 +549,7 @@ TEST_F(AsyncHandlerTest, NoLockIsHeldDuringACallback) {
   AutoRelease<BufferList> second(NewPageList());
   AutoRelease<TestCallback> plain(new TestCallback(&log_));
   bool gotThrough = false;
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report&) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport&) {
     Background work([&] {
       EXPECT_EQ(FileSource::kResultPending, Read(other_, second, plain));
       handler_->BeginClose(third);
@@ -570,7 +570,7 @@ TEST_F(AsyncHandlerTest, NoLockIsHeldDuringTheReportsOfACancelAndATimeout) {
   std::atomic<int> gotThrough{0};
   AutoRelease<BufferList> lists[] = {AutoRelease<BufferList>(NewPageList()),
                                      AutoRelease<BufferList>(NewPageList())};
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report&) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport&) {
     Background work([&] { handler_->GetNumberOfSlotsInUse(); });
     if (work.WaitUntilDone()) ++gotThrough;
   }));
@@ -640,7 +640,8 @@ TEST_F(AsyncHandlerTest, WithoutACallbackEveryPathEndsTheRequest) {
 TEST_F(AsyncHandlerTest, ACallbackThatThrowsIsLoggedOnceAndTheNextRequestWorks) {
   TestMTInterface::Get().TakeDebugText();
   AutoRelease<BufferList> list(NewPageList());
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [](const Report&) { throw 5; }));
+  AutoRelease<TestCallback> callback(
+      new TestCallback(&log_, [](const RequestReport&) { throw 5; }));
   AutoRelease<TestCallback> good(new TestCallback(&log_));
   ASSERT_EQ(FileSource::kResultPending, Read(file_, list, callback));
   ASSERT_TRUE(host_.WaitForIssued(1));
@@ -661,7 +662,8 @@ TEST_F(AsyncHandlerTest, ACallbackThatThrowsIsLoggedOnceAndTheNextRequestWorks) 
 TEST_F(AsyncHandlerTest, ACallbackThatThrowsDoesNotEndACancel) {
   AutoRelease<BufferList> list(NewPageList());
   AutoRelease<BufferList> second(NewPageList());
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [](const Report&) { throw 5; }));
+  AutoRelease<TestCallback> callback(
+      new TestCallback(&log_, [](const RequestReport&) { throw 5; }));
   ASSERT_EQ(FileSource::kResultPending, Read(file_, list, callback));
   ASSERT_EQ(FileSource::kResultPending, Read(file_, second, callback));
   handler_->Cancel(file_);
@@ -689,12 +691,13 @@ TEST_F(AsyncHandlerTest, ARequestThatWaitedTooLongTakesItsFileAlong) {
   Resume();
   ASSERT_TRUE(log_.WaitFor(3));
   ASSERT_TRUE(host_.WaitUntilIdle());
-  const std::vector<Report> expected{{FileSource::kResultError, PageSize(), lists[0], 0},
-                                     {FileSource::kResultError, 2 * PageSize(), lists[2], 0},
-                                     {FileSource::kResultError, 3 * PageSize(), lists[3], 0}};
-  std::vector<Report> reports = log_.All();
+  const std::vector<RequestReport> expected{
+      {FileSource::kResultError, PageSize(), lists[0], 0},
+      {FileSource::kResultError, 2 * PageSize(), lists[2], 0},
+      {FileSource::kResultError, 3 * PageSize(), lists[3], 0}};
+  std::vector<RequestReport> reports = log_.All();
   std::sort(reports.begin(), reports.end(),
-            [](const Report& a, const Report& b) { return a.offset < b.offset; });
+            [](const RequestReport& a, const RequestReport& b) { return a.offset < b.offset; });
   EXPECT_EQ(expected, reports);
   EXPECT_EQ(3U, host_.CountIssued());  // neither of the two was issued
   EXPECT_EQ(0U, others.Count());
@@ -722,7 +725,7 @@ TEST_F(AsyncHandlerTest, WhatATimeOutTakesAlongIsReportedAfterTheHostLetGoOfIt) 
   EXPECT_TRUE(IsLocked(list));
   host_.Complete(0);  // the host did it after all
   ASSERT_TRUE(log_.WaitFor(2));
-  for (const Report& report : log_.All()) {
+  for (const RequestReport& report : log_.All()) {
     EXPECT_EQ(FileSource::kResultError, report.result);
     EXPECT_EQ(0U, report.bytes);
   }
@@ -841,9 +844,9 @@ TEST_F(AsyncHandlerTest, ItsEndReportsWhatIsQueuedAndWhatIsInFlight) {
     EXPECT_TRUE(host_.WaitForWakes(wakes + 1));
     Resume();
   }
-  const std::vector<Report> expected{{FileSource::kResultError, 2 * PageSize(), lists[1], 0},
-                                     {FileSource::kResultError, 3 * PageSize(), lists[2], 0},
-                                     {FileSource::kResultFailed, PageSize(), lists[0], 0}};
+  const std::vector<RequestReport> expected{{FileSource::kResultError, 2 * PageSize(), lists[1], 0},
+                                            {FileSource::kResultError, 3 * PageSize(), lists[2], 0},
+                                            {FileSource::kResultFailed, PageSize(), lists[0], 0}};
   EXPECT_EQ(expected, log_.All());
   EXPECT_EQ(2U, host_.CountIssued());
   for (const auto& list : lists) {
@@ -857,7 +860,7 @@ TEST_F(AsyncHandlerTest, InTheReportsOfItsEndNothingIsAccepted) {
   AutoRelease<BufferList> list(NewPageList());
   Result_t inside = FileSource::kResultNone;
   AsyncHandler* const handler = handler_.get();
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report& report) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport& report) {
     inside = handler->Submit(AsyncHandler::kRead, file_, report.list, 0, kTimeoutMs, nullptr);
     handler->Cancel(file_);
   }));
@@ -897,7 +900,7 @@ TEST_F(AsyncHandlerTest, FailuresWithoutEndDoNotHoldUpOtherFiles) {
   // A caller who tries again for as long as the other file is not served, within reason.
   std::size_t attempts = 0;
   TestCallback* again = nullptr;
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report& report) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport& report) {
     if (++attempts == 1) host_.Complete(0);
     if (others.Count() == 0 && attempts < 1000) Read(file_, report.list, again);
   }));

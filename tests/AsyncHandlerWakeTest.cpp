@@ -21,8 +21,8 @@ class AsyncHandlerWakeTest : public AsyncHandlerTest {
     queued_.emplace(NewPageList());
     plain_.emplace(new TestCallback(&log_));
     AsyncHandler* const handler = handler_.get();
-    cancelling_.emplace(
-        new TestCallback(&log_, [this, handler](const Report&) { handler->Cancel(other_); }));
+    cancelling_.emplace(new TestCallback(
+        &log_, [this, handler](const RequestReport&) { handler->Cancel(other_); }));
     host_.SetOnCancel(OnCancel::kStaysInFlight);
     ASSERT_EQ(kPending, Read(other_, *inFlight_, *plain_));
     ASSERT_TRUE(host_.WaitForIssued(1));

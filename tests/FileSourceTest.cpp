@@ -559,7 +559,7 @@ TEST_F(SynchronousCallTest, OnTheIoThreadItIsAnErrorAtOnce) {
   AutoRelease<BufferList> list(NewPageList());
   std::vector<Result_t> results;
   std::uint64_t bytes = kUnwritten;
-  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const Report&) {
+  AutoRelease<TestCallback> callback(new TestCallback(&log_, [&](const RequestReport&) {
     results.push_back(source->Read(0, buffer, &bytes));
     results.push_back(source->Write(0, buffer, &bytes));
     results.push_back(source->ReadWithList(0, second, &bytes));
