@@ -16,6 +16,7 @@ class BufferFactory;
 class BufferList;
 class CacheParts;
 class CacheTransaction;
+class ReportRegistry;
 
 // Keeps blocks of the sources that are attached to it (CacheSource::UseCache), each in one buffer
 // of a buffer factory. File sources use it by themselves: their reads and pre-reads go through it,
@@ -73,7 +74,8 @@ class ORVANE_EXPORT Cache : public SharedObject {
   // kResultFailed.
   void Invalidate(CacheSource* source, std::uint64_t offset, std::uint64_t size);
   // Cancels all reads and pre-reads of the source, with kResultFailed, and all other requests of
-  // the source as well, writes included. Each is reported before it returns.
+  // the source as well, writes included. Each is reported before it returns, and so is what has
+  // ended just before; inside a callback it does not wait for reports that other threads make.
   void Cancel(CacheSource* source);
   // Cancel, and forgets all blocks of the source.
   void Purge(CacheSource* source);
@@ -117,6 +119,7 @@ class ORVANE_EXPORT Cache : public SharedObject {
   CacheSource::Result_t Start(CacheTransaction* transaction, bool* isInUse);
   void QueuePreRead(CacheSource* source, std::uint64_t offset, std::uint32_t dueTime,
                     MTThread::MTPriority priority);
+  void CancelAndReport(CacheSource* source, bool purge);
   void CancelSource(CacheSource* source);
   bool ProcessTransaction(CacheTransaction* transaction);
   void InvalidateWritten(CacheSource* source, std::uint64_t offset, std::uint64_t size);
@@ -124,6 +127,7 @@ class ORVANE_EXPORT Cache : public SharedObject {
   // with nothing to be relied on in the memory, otherwise.
   bool ReadResident(CacheSource* source, std::uint64_t offset, Buffer* buffer, BufferList* list,
                     std::uint64_t size);
+  ReportRegistry* GetReports();
   bool IsCancelling(CacheSource* source);
 
   CacheParts* parts_ = nullptr;  // owned; null while it is constructed

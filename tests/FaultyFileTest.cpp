@@ -4,6 +4,8 @@
 #include <atomic>
 #include <thread>
 
+#include "BufferFactory.h"
+#include "Cache.h"
 #include "FaultyFileSystem.h"
 #include "FileTestTools.h"
 #include "OSServicesHost.h"
@@ -342,6 +344,112 @@ TEST_F(FaultyFileTest, ManyHeldReadsDoNotStopOtherFiles) {
   system_->ReleaseHeld();
   EXPECT_EQ(std::vector<Outcome>(20, {kOK, Page()}), heldReports->WaitFor(20));
   EXPECT_EQ(std::vector<Outcome>({{kOK, Page()}}), reports->WaitFor(1));
+}
+
+// Behind a cache.
+
+class FaultyFileCacheTest : public FaultyFileTest {
+ protected:
+  static constexpr std::size_t kBlocks = 16;
+
+  // One reference for the caller.
+  static Cache* NewCache() {
+    const AutoRelease<BufferFactoryPhysMem> factory(new BufferFactoryPhysMem);
+    EXPECT_TRUE(factory->Initialize(Page(), kBlocks, kBlocks, 0));
+    return new Cache(factory);
+  }
+  NativeFileSource* OpenCached(const std::string& name, Cache* cache) {
+    NativeFileSource* const source = OpenFile(name);
+    EXPECT_TRUE(source->UseCache(cache));
+    return source;
+  }
+};
+
+TEST_F(FaultyFileCacheTest, ErrorsAreNotTakenForTheEndOfTheFile) {
+  const AutoRelease<Cache> cache(NewCache());
+  const Source failing(OpenCached("eio", cache));
+  const Source later(OpenCached("eio-later", cache));
+  const std::size_t good = 8 * Page();
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_EQ((Outcome{kError, 0}), ReadInto(failing, 0, Whole()));
+    EXPECT_EQ((Outcome{kError, 0}), ReadInto(failing, 100, {{memory_.At(), 10}}));
+    memory_.FillWith(0);
+    EXPECT_EQ((Outcome{kOK, good - 5}), ReadInto(later, 5, {{memory_.At(), good - 5}}));
+    EXPECT_TRUE(HasPattern(memory_.At(), good - 5, 5));
+    EXPECT_EQ((Outcome{kError, 0}), ReadInto(later, 0, Whole()));
+    EXPECT_EQ((Outcome{kError, 0}), ReadInto(later, 20 * Page(), {{memory_.At(), Page()}}));
+  }
+}
+
+TEST_F(FaultyFileCacheTest, ShortTransfersGiveEveryByte) {
+  const AutoRelease<Cache> cache(NewCache());
+  for (const char* const name : {"short", "plain", "buffered", "buffered-tiny"}) {
+    const Source source(OpenCached(name, cache));
+    memory_.FillWith(0);
+    EXPECT_EQ((Outcome{kOK, Faulty::kSize}), ReadInto(source, 0, Whole())) << name;
+    EXPECT_TRUE(HoldPattern(Whole(), Faulty::kSize)) << name;
+    const std::size_t rest = 3000;
+    EXPECT_EQ((Outcome{kPartial, rest}), ReadInto(source, Faulty::kSize - rest, Whole())) << name;
+    EXPECT_TRUE(HasPattern(memory_.At(), rest, Faulty::kSize - rest)) << name;
+  }
+}
+
+TEST_F(FaultyFileCacheTest, AReadThatMovesNothingIsTheEnd) {
+  const AutoRelease<Cache> cache(NewCache());
+  const Source source(OpenCached("nothing", cache));
+  EXPECT_EQ((Outcome{kOutOfRange, 0}), ReadInto(source, 0, Whole()));
+  EXPECT_EQ((Outcome{kOutOfRange, 0}), ReadInto(source, 100, {{memory_.At(), 10}}));
+}
+
+TEST_F(FaultyFileCacheTest, CancelReportsEveryReadOfAHeldDevice) {
+  const AutoRelease<Cache> cache(NewCache());
+  for (const bool purge : {false, true}) {
+    system_->HoldAgain();
+    const Source source(OpenCached("held", cache));
+    const AutoRelease<Reports> reports(new Reports);
+    constexpr std::size_t kReads = 30;  // more than there are blocks
+    for (std::size_t page = 0; page < kReads; ++page) {
+      ASSERT_EQ(kPending, Start(source, /*write=*/false, 3 * page, reports));
+    }
+    ASSERT_TRUE(system_->AwaitHeld(1));
+    ReleaseWhile(
+        [&] {
+          if (purge) {
+            cache->Purge(source);
+          } else {
+            source->Cancel();
+          }
+        },
+        reports);
+    EXPECT_EQ(std::vector<Outcome>(kReads, {kFailed, 0}), reports->WaitFor(kReads));
+    // Nothing writes to the memory of a reported request.
+    memory_.FillWith(0xA5);
+    Dawdle();
+    EXPECT_TRUE(memory_.IsFilledWith(0xA5, 0, memory_.Size()));
+    EXPECT_EQ(kReads, reports->Count());
+  }
+}
+
+// The device still writes into blocks when nobody wants them any more.
+TEST_F(FaultyFileCacheTest, ReleasedWhileTheDeviceHoldsItsReadsEverythingComesBack) {
+  const AutoRelease<BufferFactoryPhysMem> factory(new BufferFactoryPhysMem);
+  ASSERT_TRUE(factory->Initialize(Page(), kBlocks, kBlocks, 0));
+  const AutoRelease<Reports> reports(new Reports);
+  {
+    const AutoRelease<Cache> cache(new Cache(factory));
+    const Source source(OpenCached("held", cache));
+    for (std::size_t page = 0; page < kHeldAtOnce; ++page) {
+      ASSERT_EQ(kPending, Start(source, /*write=*/false, 3 * page, reports));
+    }
+    ASSERT_TRUE(system_->AwaitHeld(1));
+  }
+  EXPECT_EQ(0u, reports->Count());
+  EXPECT_EQ(0u, factory->GetNumberOfBuffersFree());
+  system_->ReleaseHeld();
+  EXPECT_EQ(std::vector<Outcome>(kHeldAtOnce, {kOK, Page()}), reports->WaitFor(kHeldAtOnce));
+  EXPECT_TRUE(Eventually([&] { return factory->GetNumberOfBuffersFree() == kBlocks; }));
+  EXPECT_TRUE(Eventually([&] { return reports->GetRefCount() == 1; }));
+  EXPECT_EQ(kHeldAtOnce, reports->Count());
 }
 
 TEST_F(FaultyFileTest, ADeviceThatGoesAwayReportsErrors) {

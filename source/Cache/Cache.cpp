@@ -158,18 +158,26 @@ void Cache::InvalidateWritten(CacheSource* source, std::uint64_t offset, std::ui
 }
 
 void Cache::Cancel(CacheSource* source) {
-  if (!source) return;
-  ReportScope scope;
-  CancelMutex::Lock oneAtATime(&parts_->cancelMutex_);
-  CancelSource(source);
+  if (source) CancelAndReport(source, /*purge=*/false);
 }
 
 void Cache::Purge(CacheSource* source) {
-  if (!source) return;
-  ReportScope scope;
-  CancelMutex::Lock oneAtATime(&parts_->cancelMutex_);
-  CancelSource(source);
-  if (parts_->blocks_) parts_->blocks_->PurgeSource(source);
+  if (source) CancelAndReport(source, /*purge=*/true);
+}
+
+void Cache::CancelAndReport(CacheSource* source, bool purge) {
+  const bool awaitsOthers = ReportScope::IsFarFromAny();
+  const std::uint32_t sourceKey = source->GetSourceKey();
+  // A report may give up the last reference, on the source too.
+  SharedObjectAutoRef keep(this);
+  {
+    ReportScope scope;
+    CancelMutex::Lock oneAtATime(&parts_->cancelMutex_);
+    CancelSource(source);
+    if (purge && parts_->blocks_) parts_->blocks_->PurgeSource(source);
+  }
+  // Those of other threads. Inside a callback they could be waiting for this one.
+  if (awaitsOthers) parts_->reports_.AwaitAllOf(sourceKey);
 }
 
 void Cache::CancelSource(CacheSource* source) {
@@ -225,6 +233,10 @@ void Cache::Dump() {
 
 bool Cache::ProcessTransaction(CacheTransaction* transaction) {
   return parts_->processor_->Process(transaction);
+}
+
+ReportRegistry* Cache::GetReports() {
+  return &parts_->reports_;
 }
 
 bool Cache::IsCancelling(CacheSource* source) {

@@ -10,6 +10,7 @@
 #include "Cache/CancelMutex.h"
 #include "Cache/CommandProcessor.h"
 #include "Cache/PreReadTransactionList.h"
+#include "Cache/ReportRegistry.h"
 #include "Cache/ResidentReader.h"
 #include "Cache/TransactionProcessor.h"
 #include "MTPrimitives.h"
@@ -31,6 +32,7 @@ class CacheParts {
   CancelMutex cancelMutex_;
   const std::unique_ptr<MTAtomicPointer> cancellingSource_;  // not owned; null when idle
   BatchRegistry batches_;
+  ReportRegistry reports_;
   std::unique_ptr<CommandProcessor> readProcessor_;
   std::unique_ptr<CommandProcessor> dispatchedReadProcessor_;
   std::unique_ptr<CommandProcessor> copyProcessor_;

@@ -16,6 +16,7 @@ list(APPEND ORVANE_SOURCES
   Cache/DispatchedReadCallback.cpp
   Cache/PreReadTransactionList.cpp
   Cache/RangeList.cpp
+  Cache/ReportRegistry.cpp
   Cache/ResidentReader.cpp
   Cache/TransactionInternals.cpp
   Cache/TransactionProcessor.cpp

@@ -34,6 +34,8 @@ ResultBufferListWrapper::~ResultBufferListWrapper() {
 
 CacheSource::Result_t ResultBufferListWrapper::Initiate() {
   bool isInUse = false;
+  // The report may come at once, and give up the last references on the cache.
+  SharedObjectAutoRef keepCache(cache_);
   if (cache_->Start(transaction_, &isInUse) == CacheSource::kResultPending) {
     return CacheSource::kResultPending;
   }
@@ -46,6 +48,7 @@ void ResultBufferListWrapper::Callback(CacheSource::Result_t result, CacheTransa
                                        std::uint64_t bytes) {
   result_ = result;
   bytes_ = bytes;
+  cache_->GetReports()->Add(&entry_, source_->GetSourceKey());
   if (!ReportScope::Defer(this)) FinishReport();
 }
 
@@ -59,6 +62,7 @@ void ResultBufferListWrapper::FinishReport() {
     MTInterface::DebugString("Unhandled Exception In File Callback\n");
   }
   transaction_->Cleanup();
+  cache_->GetReports()->Remove(&entry_);
   DecRef(kFile, "ResultBufferListWrapper::Callback", 244);
 }
 

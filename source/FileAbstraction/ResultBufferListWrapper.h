@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Cache/ReportRegistry.h"
 #include "CacheTransaction.h"
 #include "FileSource.h"
 #include "OSServices/ReportScope.h"
@@ -38,6 +39,7 @@ class ResultBufferListWrapper : public CacheTransaction::StatusCallback, private
   CacheTransaction* transaction_ = nullptr;
   CacheSource::Result_t result_ = CacheSource::kResultPending;
   std::uint64_t bytes_ = 0;
+  ReportRegistry::Entry entry_;  // from the end of the read to that of the report
 };
 
 }  // namespace Orvane

@@ -1,5 +1,6 @@
 #include "FileAbstraction/WriteCallbackWrapper.h"
 
+#include "BufferList.h"
 #include "Cache.h"
 #include "MTInterface.h"
 
@@ -8,6 +9,7 @@ namespace {
 
 constexpr const char* kFile = "source/FileAbstraction/FileSource";
 constexpr const char* kConstructor = "WriteCallbackWrapper::WriteCallbackWrapper";
+constexpr const char* kCallback = "WriteCallbackWrapper::Callback";
 constexpr const char* kDestructor = "WriteCallbackWrapper::~WriteCallbackWrapper";
 
 }  // namespace
@@ -29,15 +31,31 @@ WriteCallbackWrapper::~WriteCallbackWrapper() {
 
 void WriteCallbackWrapper::Callback(CacheSource::Result_t result, std::uint64_t offset,
                                     BufferList* list, std::uint64_t bytes) {
+  const ReportScope::LibrarysCode librarysCode;
   cache_->InvalidateWritten(source_, offset_, size_);
+  result_ = result;
+  reportedOffset_ = offset;
+  bytes_ = bytes;
+  list_ = list;
+  if (list_) list_->AddRef(kFile, kCallback, __LINE__);
+  cache_->GetReports()->Add(&entry_, source_->GetSourceKey());
+  if (!ReportScope::Defer(this)) FinishReport();
+}
+
+// A synchronous caller is woken when this scope closes: he finds every reference back.
+void WriteCallbackWrapper::FinishReport() {
+  ReportScope scope;
   if (callback_) {
+    const ReportScope::CallersCode callersCode;
     try {
-      callback_->Callback(result, offset, list, bytes);
+      callback_->Callback(result_, reportedOffset_, list_, bytes_);
     } catch (...) {
       MTInterface::DebugString("Unhandled Exception In File Callback\n");
     }
   }
-  DecRef(kFile, "WriteCallbackWrapper::Callback", __LINE__);
+  cache_->GetReports()->Remove(&entry_);
+  if (list_) list_->DecRef(kFile, kCallback, __LINE__);
+  DecRef(kFile, kCallback, __LINE__);
 }
 
 void WriteCallbackWrapper::Abandon() {

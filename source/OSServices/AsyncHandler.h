@@ -153,6 +153,7 @@ class AsyncHandler {
   bool AttachPort();
   void RunUntilStopped();
   void WorkerLoop();
+  HostFile* GetFileToCancel();
   void BeginServingCancel();
   void EndServingCancel();
   void ServeCancelsWhileWaiting();
@@ -171,6 +172,7 @@ class AsyncHandler {
   SlotSet StartCancel(const HostFile* file, FileSource::Result_t result);
   SlotSet MarkForCancel(const HostFile* file, FileSource::Result_t result);
   void Collect(SlotSet victims);
+  void CollectReady(SlotSet victims);
   void ReportCollected(const HostFile* file);
   void RetireAndReport(std::uint32_t index, FileSource::Result_t result, std::uint64_t bytes);
   static FileSource::Result_t EndOfDataResult(const Slot& slot);

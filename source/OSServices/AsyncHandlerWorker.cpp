@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <new>
 
 #include "BufferList.h"
 #include "OSServices/AtomicValue.h"
@@ -14,6 +15,45 @@ namespace Orvane {
 namespace {
 
 constexpr const char* kFile = "source/OSServices/AsyncHandlerWorker";
+
+// How a request ended, with the references that were held for it.
+struct Ending {
+  FileSource::ResultCallbackBufferList* callback;  // may be null
+  BufferList* list;
+  HostFile* file;
+  FileSource::Result_t result;
+  std::uint64_t offset;
+  std::uint64_t bytes;
+
+  void Report() const {
+    constexpr const char* kFunction = "Orvane::AsyncHandler::RetireAndReport";
+    ReportScope scope;
+    if (callback) {
+      const ReportScope::CallersCode callersCode;
+      try {
+        callback->Callback(result, offset, list, bytes);
+      } catch (...) {
+        MTInterface::DebugString("Unhandled Exception In File Callback\n");
+      }
+    }
+    list->DecRef(kFile, kFunction, __LINE__);
+    file->DecRef(kFile, kFunction, __LINE__);
+    if (callback) callback->DecRef(kFile, kFunction, __LINE__);
+  }
+};
+
+class DeferredEnding : public DeferredReport {
+ public:
+  explicit DeferredEnding(const Ending& ending) : ending_(ending) {}
+  void FinishReport() override {
+    const Ending ending = ending_;
+    delete this;
+    ending.Report();
+  }
+
+ private:
+  const Ending ending_;
+};
 
 // Times are compared by their difference: the millisecond clock wraps.
 bool IsDue(std::uint32_t nowMs, std::uint32_t deadlineMs) {
@@ -79,14 +119,15 @@ void AsyncHandler::WorkerLoop() {
   }
 }
 
+HostFile* AsyncHandler::GetFileToCancel() {
+  CritSecLock lock(slotLock_.get());
+  return fileToCancel_;
+}
+
 // The requests of other files go on meanwhile: a device that does not let go holds up nobody but
 // the threads that cancel.
 void AsyncHandler::BeginServingCancel() {
-  HostFile* file = nullptr;
-  {
-    CritSecLock lock(slotLock_.get());
-    file = fileToCancel_;
-  }
+  HostFile* const file = GetFileToCancel();
   servingCancel_ = true;
   awaited_ = StartCancel(file, FileSource::kResultFailed);
   ReportCollected(file);
@@ -100,7 +141,14 @@ void AsyncHandler::EndServingCancel() {
 
 // Inside a callback. Does not wait for the host: whoever waits here calls again.
 void AsyncHandler::ServeCancelsWhileWaiting() {
+  // Reported here and now: the other thread goes on when they have been.
+  const ReportScope::CallersCode callersCode;
   if (TakeControl(kCancel)) BeginServingCancel();
+  if (servingCancel_) {
+    // Whoever was about to report the rest, or to look at what was kept for later, waits here.
+    CollectReady(awaited_);
+    ReportCollected(GetFileToCancel());
+  }
   AsyncPort::Completion completion;
   while (servingCancel_ && awaited_ != 0 && port_->Wait(0, &completion)) {
     if (!IsCurrent(completion)) continue;
@@ -323,6 +371,14 @@ void AsyncHandler::Collect(SlotSet victims) {
   }
 }
 
+// Takes back what the host has let go of already.
+void AsyncHandler::CollectReady(SlotSet victims) {
+  for (SlotSet rest = victims; rest != 0; rest &= rest - 1) {
+    const auto index = static_cast<std::uint32_t>(std::countr_zero(rest));
+    if (ready_.Remove(index)) slots_[index].collected = true;
+  }
+}
+
 void AsyncHandler::ReportCollected(const HostFile* file) {
   for (std::uint32_t index = 0; index < kRequestSlots; ++index) {
     const Slot& slot = slots_[index];
@@ -333,17 +389,14 @@ void AsyncHandler::ReportCollected(const HostFile* file) {
 }
 
 // The slot is free and its buffers are unlocked before the callback runs; the callback runs with no
-// lock held; a synchronous caller is woken only when the last reference has been given back.
+// lock held, for which it waits where a cache cancels on this thread; a synchronous caller is woken
+// only when the last reference has been given back.
 void AsyncHandler::RetireAndReport(std::uint32_t index, FileSource::Result_t result,
                                    std::uint64_t bytes) {
   constexpr const char* kFunction = "Orvane::AsyncHandler::RetireAndReport";
   Slot& slot = slots_[index];
-  FileSource::ResultCallbackBufferList* const callback = slot.callback;
-  BufferList* const list = slot.list;
-  HostFile* const file = slot.file;
-  const std::uint64_t offset = slot.startOffset;
-
-  list->AddRef(kFile, kFunction, __LINE__);
+  const Ending ending{slot.callback, slot.list, slot.file, result, slot.startOffset, bytes};
+  ending.list->AddRef(kFile, kFunction, __LINE__);
   // Outside the lock, because unlocking a buffer is the caller's code; the slot is still ours.
   slot.manager.StopUsingBufferList();
   slot.callback = nullptr;
@@ -357,18 +410,13 @@ void AsyncHandler::RetireAndReport(std::uint32_t index, FileSource::Result_t res
     freeSlots_ |= SlotSet{1} << index;
   }
 
-  ReportScope scope;
-  if (callback) {
-    const ReportScope::CallersCode callersCode;
-    try {
-      callback->Callback(result, offset, list, bytes);
-    } catch (...) {
-      MTInterface::DebugString("Unhandled Exception In File Callback\n");
+  if (ReportScope::IsOpen()) {
+    if (auto* const later = new (std::nothrow) DeferredEnding(ending)) {
+      ReportScope::Defer(later);
+      return;
     }
   }
-  list->DecRef(kFile, kFunction, __LINE__);
-  file->DecRef(kFile, kFunction, __LINE__);
-  if (callback) callback->DecRef(kFile, kFunction, __LINE__);
+  ending.Report();
 }
 
 }  // namespace Orvane

@@ -71,6 +71,8 @@ bool NativeFileSourceAsync::Open(bool forRead, bool forWrite, bool create) {
 }
 
 bool NativeFileSourceAsync::Close() {
+  // A report may give up the last reference.
+  SharedObjectAutoRef keep(this);
   return CloseFile(GetCache());
 }
 
@@ -105,6 +107,7 @@ bool NativeFileSourceAsync::IsOpenForWrite() {
 }
 
 bool NativeFileSourceAsync::Delete() {
+  SharedObjectAutoRef keep(this);
   const char* const name = GetName();
   if (!name) return false;
   Close();

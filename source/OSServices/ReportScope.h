@@ -49,6 +49,11 @@ class ReportScope {
   static void Release(SharedObject* object, const char* file, const char* function,
                       unsigned long line);
 
+  // Whether one is open on the calling thread: locks may be held.
+  static bool IsOpen() { return Open() != nullptr; }
+  // Whether the calling thread is outside of every scope, and of every callback that one runs.
+  static bool IsFarFromAny() { return !Open() && !Suspended(); }
+
   // Suspends the open scope for the length of a block: as if none were open.
   class CallersCode {
    public:
