@@ -9,10 +9,12 @@ namespace {
 constexpr std::size_t kTooMuch = std::size_t{1} << 39;
 
 thread_local std::size_t allocations = 0;
+thread_local std::size_t bytesAskedFor = 0;
 thread_local std::size_t untilFailure = 0;  // 0: none will fail
 
 void* Allocate(std::size_t size) noexcept {
   ++allocations;
+  bytesAskedFor += size;
   if (untilFailure != 0 && --untilFailure == 0) return nullptr;
   if (size > kTooMuch) return nullptr;
   return std::malloc(size == 0 ? 1 : size);
@@ -61,6 +63,10 @@ namespace Orvane {
 
 std::size_t AllocationCounter::Count() {
   return allocations;
+}
+
+std::size_t AllocationCounter::Bytes() {
+  return bytesAskedFor;
 }
 
 AllocationFailure::AllocationFailure(std::size_t ordinal) {

@@ -10,6 +10,8 @@ class AllocationCounter {
  public:
   // Allocations of the calling thread so far.
   static std::size_t Count();
+  // The bytes that they asked for.
+  static std::size_t Bytes();
 };
 
 // While it exists, one allocation of the calling thread throws std::bad_alloc: the `ordinal`-th

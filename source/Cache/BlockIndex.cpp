@@ -35,9 +35,10 @@ CacheBlock* BlockIndex::Find(std::uint32_t sourceKey, std::uint64_t sourceOffset
   return block;
 }
 
-// Offsets are multiples of the block size: their low bits say nothing, so all bits are mixed.
+// Offsets are multiples of the block size: their low bits say nothing, so all bits are mixed. Keys
+// are spread first: they count up, as offsets do, and must not cancel out against them.
 std::size_t BlockIndex::BucketOf(std::uint32_t sourceKey, std::uint64_t sourceOffset) const {
-  std::uint64_t hash = sourceOffset ^ (std::uint64_t{sourceKey} << 40);
+  std::uint64_t hash = sourceOffset ^ (sourceKey * std::uint64_t{0xD6E8FEB86659FD93});
   hash ^= hash >> 32;
   hash *= 0x9E3779B97F4A7C15;
   hash ^= hash >> 29;

@@ -1,6 +1,7 @@
 #include "Cache/CacheBlock.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "Buffer.h"
 #include "Cache.h"
@@ -51,6 +52,10 @@ bool CacheBlock::LockForReadInto(CacheTransaction* transaction) {
   std::uint64_t offset = 0;
   std::uint64_t size = 0;
   if (!transaction->GetRangeToComplete(offset, size, capacity_)) return false;
+  const std::uint32_t key = transaction->GetSource()->GetSourceKey();
+  const std::uint64_t place = capacity_ >= 2 ? offset - offset % capacity_ : offset;
+  // Before this block is locked: it locks the other one.
+  if (list_) list_->MakeWay(this, key, place);
 
   CritSecLock lock(lock_.get());
   if (lockCount_ >= 1) {
@@ -59,10 +64,12 @@ bool CacheBlock::LockForReadInto(CacheTransaction* transaction) {
   }
   LockInner();
   if (list_) list_->Unlink(this);
-  sourceKey_ = transaction->GetSource()->GetSourceKey();
-  sourceOffset_ = capacity_ >= 2 ? offset - offset % capacity_ : offset;
+  sourceKey_ = key;
+  sourceOffset_ = place;
   validBytes_ = capacity_;
   state_ = CacheSource::kResultNone;
+  // The last holder of what it held may not have come to settle it yet.
+  doomed_ = false;
   if (list_) writesSeen_ = list_->Link(this, sourceKey_, sourceOffset_);
 
   const std::uint64_t blockSpace = capacity_ - (offset - sourceOffset_);
@@ -70,7 +77,7 @@ bool CacheBlock::LockForReadInto(CacheTransaction* transaction) {
     transaction->ReturnRangeToComplete(offset + blockSpace, size - blockSpace);
   }
   reading_ = {transaction, TransactionInternals::GetGeneration(transaction), sourceKey_,
-              transaction->GetDueTime()};
+              transaction->GetDueTime(), transaction->IsPreReadTransaction()};
   LockInner();
   transaction->AddRef(kFile, kFunction, __LINE__);
   transaction->AddRef(kFile, kFunction, __LINE__);
@@ -92,7 +99,7 @@ bool CacheBlock::CompleteReadInto(std::uint64_t bytesRead, CacheSource::Result_t
     state_ = whole && validBytes_ == capacity_ ? CacheSource::kResultOK : result;
     if (!whole && !doomed_) {
       // A write that came meanwhile may have moved the end of the data.
-      const bool overtaken = list_ && list_->HasSeenWritesSince(writesSeen_);
+      const bool overtaken = list_ && list_->HasSeenWritesSince(sourceKey_, writesSeen_);
       if (!good || validBytes_ == 0 || overtaken) {
         Doom();
       } else if (list_) {
@@ -137,7 +144,8 @@ bool CacheBlock::LockForCopyOutOf(CacheTransaction* transaction, bool* alreadySe
   CritSecLock lock(lock_.get());
   *alreadyServed = reading_.transaction != nullptr || pendingHead_ < pending_.size();
   transaction->AddRef(kFile, kFunction, __LINE__);
-  pending_.push_back({transaction, generation, key, transaction->GetDueTime()});
+  pending_.push_back({transaction, generation, key, transaction->GetDueTime(),
+                      /*isPreRead=*/false});
   return true;
 }
 
@@ -205,22 +213,33 @@ void CacheBlock::ServeTransaction(const Entry& entry, const Content& content) {
   }
 }
 
+bool CacheBlock::HasOnlyPreReads() {
+  CritSecLock lock(lock_.get());
+  return std::all_of(pending_.begin() + static_cast<std::ptrdiff_t>(pendingHead_), pending_.end(),
+                     [](const Entry& entry) { return entry.isPreRead; });
+}
+
 void CacheBlock::CancelPendingTransactions(bool* becameFree) {
   bool freed = false;
   for (;;) {
     Entry entry{};
     {
       CritSecLock lock(lock_.get());
-      if (!buffer_ || !PopPending(&entry)) break;
+      if (!PopPending(&entry)) break;
     }
-    {
-      TransactionBorrow borrow(entry.transaction, entry.generation);
-      if (borrow.IsHeld()) entry.transaction->SetResult(CacheSource::kResultFailed);
-    }
-    freed = UnlockInner(nullptr) || freed;
-    DropEntry(entry, "Orvane::CacheBlock::CancelPendingTransactions");
+    freed = FailEntry(entry) || freed;
   }
   if (becameFree) *becameFree = freed;
+}
+
+bool CacheBlock::FailEntry(const Entry& entry) {
+  {
+    TransactionBorrow borrow(entry.transaction, entry.generation);
+    if (borrow.IsHeld()) entry.transaction->SetResult(CacheSource::kResultFailed);
+  }
+  const bool freed = UnlockInner(nullptr);
+  DropEntry(entry, "Orvane::CacheBlock::CancelPendingTransactions");
+  return freed;
 }
 
 void CacheBlock::DumpPendingTransactions() {
@@ -242,6 +261,10 @@ void CacheBlock::InvalidateByRange(CacheSource* source, std::uint64_t offset, st
 void CacheBlock::Invalidate(CacheSource* source, bool withRange, std::uint64_t offset,
                             std::uint64_t size) {
   if (!buffer_ || !source) return;
+  // Those that wait now. A block that is free may wait for other data as soon as the locks are
+  // left.
+  std::vector<Entry> waiting;
+  std::size_t next = 0;
   {
     CacheBlockList::Lock listLock(list_);
     CritSecLock lock(lock_.get());
@@ -252,8 +275,10 @@ void CacheBlock::Invalidate(CacheSource* source, bool withRange, std::uint64_t o
     }
     Doom();
     Forget();
+    waiting.swap(pending_);
+    next = std::exchange(pendingHead_, 0);
   }
-  CancelPendingTransactions(nullptr);
+  for (; next < waiting.size(); ++next) FailEntry(waiting[next]);
 }
 
 void CacheBlock::Doom() {
@@ -389,7 +414,8 @@ bool CacheBlock::PopPending(Entry* entry) {
   if (pendingHead_ == pending_.size()) {
     pendingHead_ = 0;
     pending_.clear();
-    if (pending_.capacity() > kRoomKept) std::vector<Entry>().swap(pending_);
+    // Not the room of one who holds the block and is about to wait.
+    if (pending_.capacity() > kRoomKept && lockCount_ <= 1) std::vector<Entry>().swap(pending_);
   }
   return true;
 }

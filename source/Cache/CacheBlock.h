@@ -69,6 +69,8 @@ class CacheBlock : public SortedObject {
   // Serves all that wait, unless a read is in progress. *becameFree (may be null) becomes false:
   // who frees the block tells the cache.
   void ProcessPendingTransactions(bool* becameFree);
+  // Whether nothing needs to be copied for those that wait.
+  bool HasOnlyPreReads();
   // Fails all that wait, with kResultFailed. *becameFree (may be null): whether that freed it.
   void CancelPendingTransactions(bool* becameFree);
   // Reads the result of each transaction that waits.
@@ -116,6 +118,7 @@ class CacheBlock : public SortedObject {
     std::uint32_t generation;
     std::uint32_t sourceKey;
     std::uint32_t dueTime;
+    bool isPreRead;
   };
   // What a transaction is served from.
   struct Content {
@@ -135,6 +138,7 @@ class CacheBlock : public SortedObject {
   bool HoldsResidentLocked(std::uint64_t offset, std::uint64_t size) ORVANE_REQUIRES(lock_);
   void ServeEntry(const Entry& entry, const Content& content);
   void ServeTransaction(const Entry& entry, const Content& content);
+  bool FailEntry(const Entry& entry);
   void DropEntry(const Entry& entry, const char* function);
   void Invalidate(CacheSource* source, bool withRange, std::uint64_t offset, std::uint64_t size);
   void Forget() ORVANE_REQUIRES(lock_);

@@ -152,9 +152,12 @@ void CacheBlockList::InvalidateWritten(CacheSource* source, std::uint64_t offset
     if (block->indexLink_.isLinked && block->indexLink_.sourceKey == sourceKey) block->Doom();
   });
   Lock lock(this);
-  ++writes_;
-  for (std::size_t k = shortBlocks_.size(); k-- > 0;) {
-    if (shortBlocks_[k]->indexLink_.sourceKey == sourceKey) shortBlocks_[k]->Doom();
+  ++writes_[sourceKey % kWriteCounters];
+  auto next = shortBlocks_.lower_bound({sourceKey, nullptr});
+  while (next != shortBlocks_.end() && next->first == sourceKey) {
+    CacheBlock* const block = next->second;
+    ++next;  // the block leaves
+    block->Doom();
   }
 }
 
@@ -213,22 +216,27 @@ CacheBlock* CacheBlockList::LockResident(std::uint32_t sourceKey, std::uint64_t 
   return *address ? block : nullptr;
 }
 
+// A transaction whose ranges somebody else took apart may want more of a block it is attached to.
+void CacheBlockList::MakeWay(CacheBlock* block, std::uint32_t sourceKey,
+                             std::uint64_t sourceOffset) {
+  CacheBlock* const other = index_.Find(sourceKey, sourceOffset);
+  if (other && other != block) other->Doom();
+}
+
 std::uint32_t CacheBlockList::Link(CacheBlock* block, std::uint32_t sourceKey,
                                    std::uint64_t sourceOffset) {
-  // A transaction whose ranges somebody else took apart may want more of a block it is attached to.
-  if (CacheBlock* const other = index_.Find(sourceKey, sourceOffset)) other->Doom();
   index_.Insert(block, sourceKey, sourceOffset);
-  return writes_;
+  return writes_[sourceKey % kWriteCounters];
 }
 
 void CacheBlockList::Unlink(CacheBlock* block) {
-  if (block->indexLink_.isShort) std::erase(shortBlocks_, block);
+  if (block->indexLink_.isShort) shortBlocks_.erase({block->indexLink_.sourceKey, block});
   index_.Remove(block);
 }
 
 void CacheBlockList::AddShortBlock(CacheBlock* block) {
   try {
-    shortBlocks_.push_back(block);
+    shortBlocks_.insert({block->indexLink_.sourceKey, block});
     block->indexLink_.isShort = true;
   } catch (const std::bad_alloc&) {
     block->Doom();

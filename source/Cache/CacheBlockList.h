@@ -1,9 +1,12 @@
 // All blocks of a cache, and the questions that are asked of all of them.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "Cache/BlockIndex.h"
@@ -64,11 +67,16 @@ class CacheBlockList {
   CacheBlock* GetBlock(std::size_t index) { return blocks_[index].get(); }
 
   // For the blocks, which call them with the lock held.
+  // Dooms whatever else is in the index for a place that `block` is about to hold.
+  // REQUIRES: no lock of a block is held.
+  void MakeWay(CacheBlock* block, std::uint32_t sourceKey, std::uint64_t sourceOffset);
   // Enters a block that is being filled; answers the number of writes seen so far.
   std::uint32_t Link(CacheBlock* block, std::uint32_t sourceKey, std::uint64_t sourceOffset);
   void Unlink(CacheBlock* block);
   void AddShortBlock(CacheBlock* block);
-  bool HasSeenWritesSince(std::uint32_t writes) const { return writes_ != writes; }
+  bool HasSeenWritesSince(std::uint32_t sourceKey, std::uint32_t writes) const {
+    return writes_[sourceKey % kWriteCounters] != writes;
+  }
 
   // Holds the lock of a list for the length of a block; of none, for null.
   class ORVANE_SCOPED_CAPABILITY Lock {
@@ -102,8 +110,12 @@ class CacheBlockList {
 
   SortedObjectList candidates_;
   BlockIndex index_;
-  std::vector<CacheBlock*> shortBlocks_;
-  std::uint32_t writes_ = 0;
+  // By source key: those in the index whose fill told where the data ends.
+  std::set<std::pair<std::uint32_t, CacheBlock*>> shortBlocks_;
+  // Writes that have ended. Sources share counters, at the price of a fill now and then that is
+  // thought to be overtaken.
+  static constexpr std::size_t kWriteCounters = 64;
+  std::array<std::uint32_t, kWriteCounters> writes_{};
 };
 
 }  // namespace Orvane

@@ -80,10 +80,17 @@ void DispatchedReadCommand::Finish(bool cancelled) {
 
 DispatchedCopyCommand::DispatchedCopyCommand(std::uint32_t dueTime, Cache* cache,
                                              const CacheSource* source, CacheBlock* block)
-    : CacheCommand(kCommandDispatchedCopy, dueTime, cache, source), block_(block) {}
+    : CacheCommand(kCommandDispatchedCopy, dueTime, cache, source) {
+  if (block) SetBlock(block);
+}
 
 DispatchedCopyCommand::DispatchedCopyCommand(Cache* cache, CacheTransaction* transaction)
     : DispatchedCopyCommand(transaction->GetDueTime(), cache, transaction->GetSource(), nullptr) {}
+
+void DispatchedCopyCommand::SetBlock(CacheBlock* block) {
+  block_ = block;
+  sourceKey_ = block->GetSourceKey();
+}
 
 bool DispatchedCopyCommand::Execute() {
   bool becameFree = false;
@@ -94,7 +101,11 @@ bool DispatchedCopyCommand::Execute() {
 
 void DispatchedCopyCommand::Finish(bool cancelled) {
   bool becameFree = false;
-  if (cancelled) block_->CancelPendingTransactions(&becameFree);
+  // Another command may have served those that it was made for: then others may wait by now, for
+  // what another source has.
+  if (cancelled && block_->GetSourceKey() == sourceKey_) {
+    block_->CancelPendingTransactions(&becameFree);
+  }
   if (becameFree && cache_) cache_->NotifySomethingChanged();
   delete this;
 }

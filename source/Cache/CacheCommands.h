@@ -54,12 +54,13 @@ class DispatchedCopyCommand : public CacheCommand {
                         CacheBlock* block);
   // For a block that is found later.
   DispatchedCopyCommand(Cache* cache, CacheTransaction* transaction);
-  void SetBlock(CacheBlock* block) { block_ = block; }
+  void SetBlock(CacheBlock* block);
   bool Execute() override;
   void Finish(bool cancelled) override;
 
  private:
-  CacheBlock* block_;
+  CacheBlock* block_ = nullptr;
+  std::uint32_t sourceKey_ = 0;  // of what the block held then
 };
 
 // Destroys a command that came to no use.

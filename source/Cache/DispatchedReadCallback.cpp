@@ -118,6 +118,11 @@ void DispatchedReadCallback::CompleteBlock(CacheBlock* block, CacheSource::Resul
     return;
   }
   block->CompleteReadInto(bytes, result);
+  if (block->HasOnlyPreReads()) {
+    // Nothing is to be copied: the copying thread need not wake for it.
+    block->ProcessPendingTransactions(nullptr);
+    return;
+  }
   try {
     std::unique_ptr<DispatchedCopyCommand, FinishUnused> command(
         new DispatchedCopyCommand(dueTime_, context_.cache, source_, block));
