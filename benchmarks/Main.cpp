@@ -1,6 +1,6 @@
 // orvane_bench [--device_dir=PATH] [--memory_dir=PATH] [--file_mib=N] [Google Benchmark's options]
-// Reads a file on the device and one on tmpfs through the library and through its peers, in random
-// order, and prints the ratios.
+// Reads a file on the device and one on tmpfs through the library, with a cache and without, and
+// through its peers, in random order, and prints the ratios; then what caches cost as they grow.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "CacheGrowth.h"
+#include "CachedReads.h"
 #include "Orvane.h"
 #include "RatioReporter.h"
 #include "TestFile.h"
@@ -51,10 +53,13 @@ int main(int argc, char** argv) try {
   std::vector<std::unique_ptr<bench::TestFile>> files;
   files.push_back(std::make_unique<bench::TestFile>(deviceDir, bytes));
   bench::RegisterUncachedReads("device", *files.back());
+  bench::RegisterCachedReads("device", *files.back());
   if (std::filesystem::is_directory(memoryDir)) {
     files.push_back(std::make_unique<bench::TestFile>(memoryDir, bytes));
     bench::RegisterUncachedReads("memory", *files.back());
   }
+  bench::RegisterCacheGrowth();
+  bench::RegisterCacheFootprint();
   bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   return 0;

@@ -1,49 +1,17 @@
 #include <atomic>
 #include <stdexcept>
 
+#include "LibraryObjects.h"
 #include "Orvane.h"
 #include "Reader.h"
 
 namespace bench {
 namespace {
 
-using Orvane::Buffer;
 using Orvane::BufferList;
 using Orvane::CacheSource;
 using Orvane::FileSource;
 using Orvane::NativeFileSource;
-
-constexpr const char* kFile = "benchmarks/OrvaneReader";
-
-void Drop(Orvane::SharedObject* object) {
-  object->DecRef(kFile, "Drop", __LINE__);
-}
-
-NativeFileSource* OpenSource(const Job& job) {
-  NativeFileSource* const source =
-      Orvane::NativeFileSysInterface::NewNativeFileSource(job.file.c_str());
-  source->Open(/*forRead=*/true, /*forWrite=*/false, /*create=*/false);
-  return source;
-}
-
-// One chunk of page memory, cut into blocks, as the peers have it too.
-class Blocks {
- public:
-  Blocks(std::uint64_t blockBytes, std::size_t count) : factory_(new Orvane::BufferFactoryPhysMem) {
-    if (!factory_->Initialize(blockBytes, count, count, 0)) throw std::bad_alloc();
-  }
-  ~Blocks() { Drop(factory_); }
-  Blocks(const Blocks&) = delete;
-  Blocks& operator=(const Blocks&) = delete;
-
-  BufferList* NewListOfOne() {
-    return new BufferList(factory_->GetBufferFromFactory(), /*adoptReference=*/true,
-                          /*capacity=*/1);
-  }
-
- private:
-  Orvane::BufferFactoryPhysMem* const factory_;
-};
 
 // One list of one buffer per read in flight; each callback starts the next read with its list.
 class OrvaneReader : public Reader {
@@ -138,7 +106,49 @@ class OrvaneSyncReader : public Reader {
   BufferList* const list_;
 };
 
+// Keeps the window ahead of itself full, a block of the job at a time.
+class ScanReader : public Reader {
+ public:
+  explicit ScanReader(const Job& job)
+      : job_(job), blocks_(job.blockBytes, 1), source_(OpenSource(job)) {
+    list_ = blocks_.NewListOfOne();
+  }
+
+  ~ScanReader() override {
+    source_->Close();
+    Drop(source_);
+    Drop(list_);
+  }
+
+  void ReadAll(const std::vector<std::uint64_t>& offsets) override {
+    source_->GetCache()->Purge(source_);
+    PreRead(0, job_.preReadWindow);
+    for (const std::uint64_t offset : offsets) {
+      const std::uint64_t ahead = offset + job_.preReadWindow;
+      if (ahead <= offsets.back()) PreRead(ahead, job_.blockBytes);
+      if (source_->ReadWithList(offset, list_, nullptr) != CacheSource::kResultOK) {
+        throw std::runtime_error("read failed");
+      }
+    }
+  }
+
+ private:
+  void PreRead(std::uint64_t offset, std::uint64_t bytes) {
+    source_->PreRead(offset, bytes, Orvane::MTInterface::GetCurrentTimeMilli(),
+                     Orvane::MTThread::kPriorityNormal);
+  }
+
+  const Job job_;
+  Blocks blocks_;
+  NativeFileSource* const source_;
+  BufferList* list_;
+};
+
 }  // namespace
+
+std::unique_ptr<Reader> NewScanReader(const Job& job) {
+  return std::make_unique<ScanReader>(job);
+}
 
 std::unique_ptr<Reader> NewOrvaneReader(const Job& job) {
   return std::make_unique<OrvaneReader>(job);

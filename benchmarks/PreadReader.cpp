@@ -11,7 +11,9 @@ namespace {
 class PreadReader : public Reader {
  public:
   explicit PreadReader(const Job& job)
-      : job_(job), file_(OpenUnbuffered(job.file)), block_(job.blockBytes, 1) {}
+      : job_(job),
+        file_(job.throughPageCache ? OpenBuffered(job.file) : OpenUnbuffered(job.file)),
+        block_(job.blockBytes, 1) {}
 
   ~PreadReader() override { close(file_); }
 
@@ -28,7 +30,25 @@ class PreadReader : public Reader {
   const AlignedBlocks block_;
 };
 
+class ColdPreadReader : public PreadReader {
+ public:
+  explicit ColdPreadReader(const Job& job) : PreadReader(job), name_(job.file) {}
+
+  void ReadAll(const std::vector<std::uint64_t>& offsets) override {
+    DropFromPageCache(name_);
+    PreadReader::ReadAll(offsets);
+    DropFromPageCache(name_);
+  }
+
+ private:
+  const std::string name_;
+};
+
 }  // namespace
+
+std::unique_ptr<Reader> NewColdPreadReader(const Job& job) {
+  return std::make_unique<ColdPreadReader>(job);
+}
 
 std::unique_ptr<Reader> NewPreadReader(const Job& job) {
   return std::make_unique<PreadReader>(job);

@@ -14,7 +14,9 @@ namespace {
 class RingReader : public Reader {
  public:
   explicit RingReader(const Job& job)
-      : job_(job), file_(OpenUnbuffered(job.file)), blocks_(job.blockBytes, job.depth) {
+      : job_(job),
+        file_(job.throughPageCache ? OpenBuffered(job.file) : OpenUnbuffered(job.file)),
+        blocks_(job.blockBytes, job.depth) {
     if (io_uring_queue_init(128, &ring_, IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN) !=
         0) {
       throw std::runtime_error("io_uring is not available");

@@ -44,10 +44,20 @@ TestFile::~TestFile() {
 }
 
 int OpenUnbuffered(const std::string& name) {
-  int descriptor = open(name.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);
-  if (descriptor < 0) descriptor = open(name.c_str(), O_RDONLY | O_CLOEXEC);
+  const int descriptor = open(name.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);
+  return descriptor < 0 ? OpenBuffered(name) : descriptor;
+}
+
+int OpenBuffered(const std::string& name) {
+  const int descriptor = open(name.c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) Fail("cannot open", name);
   return descriptor;
+}
+
+void DropFromPageCache(const std::string& name) {
+  const int descriptor = OpenBuffered(name);
+  posix_fadvise(descriptor, 0, 0, POSIX_FADV_DONTNEED);
+  close(descriptor);
 }
 
 std::vector<std::uint64_t> RandomOffsets(std::uint64_t fileBytes, std::uint64_t blockBytes,

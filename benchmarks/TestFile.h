@@ -25,6 +25,9 @@ class TestFile {
 
 // Opens for reading without the page cache; with it where the file system refuses.
 int OpenUnbuffered(const std::string& name);
+int OpenBuffered(const std::string& name);
+// Makes the page cache forget the file.
+void DropFromPageCache(const std::string& name);
 
 // Offsets of whole blocks: `count` random ones, the same for every peer, or all in order.
 std::vector<std::uint64_t> RandomOffsets(std::uint64_t fileBytes, std::uint64_t blockBytes,
