@@ -277,15 +277,20 @@ TEST_F(CacheBlockListTest, ResidentBlocksAreHeldAndTold) {
   EXPECT_TRUE(list_->HoldsResident(key, 10, 2 * kBlock - 10));
   EXPECT_FALSE(list_->HoldsResident(key, 10, 2 * kBlock - 9));
   EXPECT_FALSE(list_->HoldsResident(other_->GetSourceKey(), 0, 1));
-  const char* address = nullptr;
-  std::uint64_t bytes = 0;
-  CacheBlock* const block = list_->LockResident(key, kBlock - 10, kBlock, &address, &bytes);
-  ASSERT_NE(nullptr, block);
-  EXPECT_EQ(10u, bytes);
-  EXPECT_EQ(contents_.substr(kBlock - 10, 10), std::string(address, 10));
-  EXPECT_EQ(1, block->GetLockCount());
-  block->Unlock(CacheSource::kDueASAP);
-  EXPECT_EQ(nullptr, list_->LockResident(key, 2 * kBlock, 1, &address, &bytes));
+  CacheBlockList::ResidentPiece pieces[3];
+  ASSERT_EQ(2u, list_->LockResident(key, kBlock - 10, 20, pieces, 3));
+  for (std::size_t k = 0; k < 2; ++k) {
+    EXPECT_EQ(10u, pieces[k].bytes);
+    EXPECT_EQ(contents_.substr(kBlock - 10 + 10 * k, 10), std::string(pieces[k].address, 10));
+    EXPECT_EQ(1, pieces[k].block->GetLockCount());
+    EXPECT_TRUE(pieces[k].block->Unlock(CacheSource::kDueASAP));
+  }
+  ASSERT_EQ(1u, list_->LockResident(key, kBlock - 10, 20, pieces, 1));
+  pieces[0].block->Unlock(CacheSource::kDueASAP);
+  // The last piece is missing: nothing stays held.
+  EXPECT_EQ(0u, list_->LockResident(key, 0, 2 * kBlock + 1, pieces, 3));
+  EXPECT_EQ(0u, list_->LockResident(key, 2 * kBlock, 1, pieces, 3));
+  EXPECT_EQ(0, pieces[0].block->GetLockCount());
 }
 
 // A transaction whose ranges were taken apart may come again for more of a block it waits for.
@@ -658,9 +663,9 @@ TEST_F(CacheBlockListTest, ShortBlockThatCannotBeNotedIsForgotten) {
 TEST_F(CacheBlockListTest, BlockClaimedBeforeItIsSettledIsAsGoodAsAnyOther) {
   MakeList(1);
   CacheBlock* const block = Fill(source_, 0);
-  const char* address = nullptr;
-  std::uint64_t bytes = 0;
-  ASSERT_EQ(block, list_->LockResident(source_->GetSourceKey(), 0, 1, &address, &bytes));
+  CacheBlockList::ResidentPiece piece{};
+  ASSERT_EQ(1u, list_->LockResident(source_->GetSourceKey(), 0, 1, &piece, 1));
+  ASSERT_EQ(block, piece.block);
   list_->InvalidateWritten(source_, 0, 1);
   Reader reader(source_, kBlock, kBlock);
   std::thread last;

@@ -86,13 +86,11 @@ class CacheBlockListThreadsTest : public BlockFixture {
     std::mt19937 random(seed);
     while (!isOver_) {
       const std::uint64_t offset = random() % (kPlaces * kBlock);
-      const char* address = nullptr;
-      std::uint64_t bytes = 0;
-      CacheBlock* const block =
-          list_->LockResident(source_->GetSourceKey(), offset, kBlock, &address, &bytes);
-      if (!block) continue;
-      EXPECT_TRUE(contents_.compare(offset, bytes, address, bytes) == 0) << offset;
-      block->Unlock(CacheSource::kDueASAP);
+      CacheBlockList::ResidentPiece piece{};
+      if (list_->LockResident(source_->GetSourceKey(), offset, kBlock, &piece, 1) == 0) continue;
+      EXPECT_TRUE(contents_.compare(offset, piece.bytes, piece.address, piece.bytes) == 0)
+          << offset;
+      piece.block->Unlock(CacheSource::kDueASAP);
     }
   }
   // Some end as the file would, some fail, some are short.

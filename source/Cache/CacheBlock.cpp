@@ -62,14 +62,18 @@ bool CacheBlock::LockForReadInto(CacheTransaction* transaction) {
     transaction->ReturnRangeToComplete(offset, size);
     return false;
   }
+  if (doomed_) {
+    // Its last holder has not come to settle it yet. It must be placed anew all the same.
+    Forget();
+    doomed_ = false;
+    parked_ = true;
+  }
   LockInner();
   if (list_) list_->Unlink(this);
   sourceKey_ = key;
   sourceOffset_ = place;
   validBytes_ = capacity_;
   state_ = CacheSource::kResultNone;
-  // The last holder of what it held may not have come to settle it yet.
-  doomed_ = false;
   if (list_) writesSeen_ = list_->Link(this, sourceKey_, sourceOffset_);
 
   const std::uint64_t blockSpace = capacity_ - (offset - sourceOffset_);
@@ -132,7 +136,7 @@ bool CacheBlock::LockForCopyOutOf(CacheTransaction* transaction, bool* alreadySe
   }
   // Outside of the lock: the hold keeps the block as it is.
   if (!transaction->Reserve(offset, size)) {
-    UnlockInner(nullptr);
+    UnlockInner(nullptr, nullptr);
     return false;
   }
   if (transaction->IsPreReadTransaction()) {
@@ -237,7 +241,7 @@ bool CacheBlock::FailEntry(const Entry& entry) {
     TransactionBorrow borrow(entry.transaction, entry.generation);
     if (borrow.IsHeld()) entry.transaction->SetResult(CacheSource::kResultFailed);
   }
-  const bool freed = UnlockInner(nullptr);
+  const bool freed = UnlockInner(nullptr, nullptr);
   DropEntry(entry, "Orvane::CacheBlock::CancelPendingTransactions");
   return freed;
 }
@@ -309,11 +313,16 @@ bool CacheBlock::HoldsResidentLocked(std::uint64_t offset, std::uint64_t size) {
 }
 
 bool CacheBlock::Unlock(std::uint32_t dueTime) {
-  return UnlockInner(&dueTime);
+  return UnlockInner(&dueTime, nullptr);
 }
 
-// Without a due time the stamp stays.
-bool CacheBlock::UnlockInner(const std::uint32_t* dueTime) {
+bool CacheBlock::UnlockNow(const CacheTime& now) {
+  const std::uint32_t dueTime = CacheSource::kDueASAP;
+  return UnlockInner(&dueTime, &now);
+}
+
+// Without a due time the stamp stays; without the time it is asked for.
+bool CacheBlock::UnlockInner(const std::uint32_t* dueTime, const CacheTime* now) {
   bool mustSettle = false;
   {
     CritSecLock lock(lock_.get());
@@ -323,7 +332,7 @@ bool CacheBlock::UnlockInner(const std::uint32_t* dueTime) {
       buffer_->Unlock();
     }
     const std::uint64_t before = stamp_;
-    if (dueTime && !doomed_) SetStamp(*dueTime);
+    if (dueTime && !doomed_) SetStamp(*dueTime, now ? *now : CacheTime::Now());
     // The list finds out by itself that a block was used since it was placed, but not that it
     // belongs further to the front.
     mustSettle = doomed_ || parked_ || stamp_ < before;
@@ -420,8 +429,7 @@ bool CacheBlock::PopPending(Entry* entry) {
   return true;
 }
 
-void CacheBlock::SetStamp(std::uint32_t dueTime) {
-  const CacheTime now = CacheTime::Now();
+void CacheBlock::SetStamp(std::uint32_t dueTime, const CacheTime& now) {
   const std::uint64_t due = dueTime == 0 ? now.Milli() : now.Extend(dueTime);
   if (due <= stamp_ && stamp_ - due <= kKeptAheadMs) return;
   stamp_ = due;

@@ -17,6 +17,7 @@ class Buffer;
 class Cache;
 class CacheBlockList;
 class CacheTransaction;
+struct CacheTime;
 
 // A buffer, the range of a source that it holds, a count of holders, and the transactions that wait
 // to be served from it. Made and owned by a CacheBlockList; used by the cache's workers, the I/O
@@ -92,6 +93,8 @@ class CacheBlock : public SortedObject {
   // The end of a hold; the due time (0: now) becomes the stamp, unless the block is wanted later by
   // up to an hour. True if the block became free: the cache has been told.
   bool Unlock(std::uint32_t dueTime);
+  // The same, as soon as possible, for one who knows the time.
+  bool UnlockNow(const CacheTime& now);
 
   // Drops the buffer: the block is dead.
   void ReleaseBuffer();
@@ -130,11 +133,11 @@ class CacheBlock : public SortedObject {
   };
 
   void LockInner() ORVANE_REQUIRES(lock_);
-  bool UnlockInner(const std::uint32_t* dueTime);
+  bool UnlockInner(const std::uint32_t* dueTime, const CacheTime* now);
   bool IsAttached(CacheTransaction* transaction, std::uint32_t generation) ORVANE_REQUIRES(lock_);
   void MakeRoomForPending() ORVANE_REQUIRES(lock_);
   bool PopPending(Entry* entry) ORVANE_REQUIRES(lock_);
-  void SetStamp(std::uint32_t dueTime) ORVANE_REQUIRES(lock_);
+  void SetStamp(std::uint32_t dueTime, const CacheTime& now) ORVANE_REQUIRES(lock_);
   bool HoldsResidentLocked(std::uint64_t offset, std::uint64_t size) ORVANE_REQUIRES(lock_);
   void ServeEntry(const Entry& entry, const Content& content);
   void ServeTransaction(const Entry& entry, const Content& content);

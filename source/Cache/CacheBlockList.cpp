@@ -204,16 +204,25 @@ bool CacheBlockList::HoldsResident(std::uint32_t sourceKey, std::uint64_t offset
   return true;
 }
 
-CacheBlock* CacheBlockList::LockResident(std::uint32_t sourceKey, std::uint64_t offset,
-                                         std::uint64_t size, const char** address,
-                                         std::uint64_t* bytes) {
-  const std::uint64_t place = offset - offset % blockSize_;
-  *bytes = std::min(size, blockSize_ - (offset - place));
+std::size_t CacheBlockList::LockResident(std::uint32_t sourceKey, std::uint64_t offset,
+                                         std::uint64_t size, ResidentPiece* pieces,
+                                         std::size_t most) {
+  std::size_t count = 0;
   Lock lock(this);
-  CacheBlock* const block = index_.Find(sourceKey, place);
-  if (!block) return nullptr;
-  *address = block->LockForResidentRead(offset, *bytes);
-  return *address ? block : nullptr;
+  while (size > 0 && count < most) {
+    const std::uint64_t place = offset - offset % blockSize_;
+    const std::uint64_t bytes = std::min(size, blockSize_ - (offset - place));
+    CacheBlock* const block = index_.Find(sourceKey, place);
+    const char* const address = block ? block->LockForResidentRead(offset, bytes) : nullptr;
+    if (!address) {
+      while (count > 0) pieces[--count].block->Unlock(CacheSource::kDueASAP);
+      return 0;
+    }
+    pieces[count++] = {block, address, bytes};
+    offset += bytes;
+    size -= bytes;
+  }
+  return count;
 }
 
 // A transaction whose ranges somebody else took apart may want more of a block it is attached to.

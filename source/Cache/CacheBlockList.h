@@ -56,10 +56,16 @@ class CacheBlockList {
 
   // Whether blocks hold the whole range.
   bool HoldsResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size);
-  // The block with the byte at `offset`, held, if it has all from there to the end of the block or
-  // of the range. *address and *bytes tell what it has. The caller unlocks it.
-  CacheBlock* LockResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
-                           const char** address, std::uint64_t* bytes);
+  // What one block has of a range, for its holder.
+  struct ResidentPiece {
+    CacheBlock* block;
+    const char* address;
+    std::uint64_t bytes;
+  };
+  // Holds the blocks of a range, from `offset` on, up to `most` of them, and answers how many; 0,
+  // with nothing held, unless each has its whole piece of the range. The caller unlocks them.
+  std::size_t LockResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
+                           ResidentPiece* pieces, std::size_t most);
 
   std::uint64_t GetBlockSize() const { return blockSize_; }
   std::uint64_t GetBlockCount() const { return blocks_.size(); }

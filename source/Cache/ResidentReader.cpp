@@ -5,23 +5,39 @@
 #include "Buffer.h"
 #include "BufferList.h"
 #include "Cache/CacheBlockList.h"
+#include "Cache/CacheClock.h"
 #include "Cache/CacheStatistics.h"
 
 namespace Orvane {
 namespace {
 
-// A hold on a block, for as long as its bytes are copied.
-class ResidentHold {
+// Blocks are held so many at a time: under one hold of the list's lock, without an allocation.
+constexpr std::size_t kHeldAtOnce = 16;
+
+// Holds on blocks, for as long as their bytes are copied.
+class ResidentHolds {
  public:
-  explicit ResidentHold(CacheBlock* block) : block_(block) {}
-  ~ResidentHold() {
-    if (block_) block_->Unlock(CacheSource::kDueASAP);
+  ResidentHolds() = default;
+  ~ResidentHolds() {
+    if (count_ == 0) return;
+    const CacheTime now = CacheTime::Now();
+    for (std::size_t k = 0; k < count_; ++k) pieces_[k].block->UnlockNow(now);
   }
-  ResidentHold(const ResidentHold&) = delete;
-  ResidentHold& operator=(const ResidentHold&) = delete;
+  ResidentHolds(const ResidentHolds&) = delete;
+  ResidentHolds& operator=(const ResidentHolds&) = delete;
+
+  // Those of the start of the range; false if one of them does not have its piece.
+  bool Lock(CacheBlockList* blocks, std::uint32_t sourceKey, std::uint64_t offset,
+            std::uint64_t size) {
+    count_ = blocks->LockResident(sourceKey, offset, size, pieces_, kHeldAtOnce);
+    return count_ > 0;
+  }
+  std::size_t GetCount() const { return count_; }
+  const CacheBlockList::ResidentPiece& operator[](std::size_t k) const { return pieces_[k]; }
 
  private:
-  CacheBlock* const block_;
+  CacheBlockList::ResidentPiece pieces_[kHeldAtOnce];
+  std::size_t count_ = 0;
 };
 
 // To `place` of the buffer or list.
@@ -50,23 +66,22 @@ ResidentReader::ResidentReader(CacheBlockList* blocks, CacheStatistics* statisti
 
 bool ResidentReader::Read(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
                           Buffer* buffer, BufferList* list) {
-  // Nothing is copied in vain for the lack of the last block.
-  const bool isOneBlock = offset % blocks_->GetBlockSize() + size <= blocks_->GetBlockSize();
-  if (!isOneBlock && !blocks_->HoldsResident(sourceKey, offset, size)) return false;
+  // Nothing is copied in vain for the lack of a block further on.
+  const bool isOneRun =
+      (offset % blocks_->GetBlockSize() + size - 1) / blocks_->GetBlockSize() < kHeldAtOnce;
+  if (!isOneRun && !blocks_->HoldsResident(sourceKey, offset, size)) return false;
   std::uint64_t done = 0;
-  std::uint32_t blocks = 0;
+  std::size_t blocks = 0;
   while (done < size) {
-    const char* address = nullptr;
-    std::uint64_t bytes = 0;
-    CacheBlock* const block =
-        blocks_->LockResident(sourceKey, offset + done, size - done, &address, &bytes);
-    if (!block) return false;
-    ResidentHold hold(block);
-    if (!Copy(address, bytes, done, buffer, list)) return false;
-    done += bytes;
-    ++blocks;
+    ResidentHolds holds;
+    if (!holds.Lock(blocks_, sourceKey, offset + done, size - done)) return false;
+    for (std::size_t k = 0; k < holds.GetCount(); ++k) {
+      if (!Copy(holds[k].address, holds[k].bytes, done, buffer, list)) return false;
+      done += holds[k].bytes;
+    }
+    blocks += holds.GetCount();
   }
-  statistics_->Add(CacheStatistics::kHits, blocks);
+  statistics_->Add(CacheStatistics::kHits, static_cast<std::uint32_t>(blocks));
   return true;
 }
 
