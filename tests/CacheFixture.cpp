@@ -14,7 +14,7 @@ constexpr std::chrono::seconds kPatience{5};
 
 }  // namespace
 
-void PrintTo(const Report& report, std::ostream* out) {
+void PrintTo(const CacheReport& report, std::ostream* out) {
   *out << "(" << static_cast<int>(report.result) << ", " << report.bytes << ")";
 }
 

@@ -22,17 +22,21 @@
 namespace Orvane {
 
 // How a request ended.
-struct Report {
+struct CacheReport {
   CacheSource::Result_t result;
   std::uint64_t bytes;
 
-  bool operator==(const Report&) const = default;
+  bool operator==(const CacheReport&) const = default;
 };
-void PrintTo(const Report& report, std::ostream* out);
+void PrintTo(const CacheReport& report, std::ostream* out);
+// In tests of caches; other fixtures have a Report of their own.
+using Report = CacheReport;
 
 // Keeps the reports of list requests. Two references: one of the maker, and none for the request.
 class ReportRecorder : public FileSource::ResultCallbackBufferList {
  public:
+  // Keeps the first reports without allocating.
+  ReportRecorder() { reports_.reserve(4); }
   void Callback(CacheSource::Result_t result, std::uint64_t offset, BufferList* list,
                 std::uint64_t bytes) override;
   // Waits up to 5 seconds.
@@ -53,6 +57,7 @@ class ReportRecorder : public FileSource::ResultCallbackBufferList {
 // The same for transactions.
 class StatusRecorder : public CacheTransaction::StatusCallback {
  public:
+  StatusRecorder() { reports_.reserve(4); }
   void Callback(CacheSource::Result_t result, CacheTransaction* transaction,
                 std::uint64_t bytes) override;
   bool WaitFor(std::size_t count);

@@ -30,7 +30,8 @@ void CacheReaper::Take(Cache* cache) {
   cache->nextToReap_ = first_;
   first_ = cache;
   try {
-    if (!thread_) {
+    // Whoever stops it looks again before he is done.
+    if (!thread_ && stops_ == 0) {
       thread_.reset(
           MTInterface::NewThread(this, MTThread::kPriorityNormal, MTThread::kProcessorAny));
     }
@@ -47,8 +48,10 @@ void CacheReaper::Stop() {
   {
     CritSecLock lock(reaper.lock_.get());
     thread.swap(reaper.thread_);
+    ++reaper.stops_;
   }
   if (thread) thread->Terminate(kWithoutLimit);
+  while (Cache* const cache = reaper.TakeNextOfStop()) delete cache;
 }
 
 void CacheReaper::ThreadMain(MTThread* thread) {
@@ -65,6 +68,18 @@ void CacheReaper::TerminateBody() {
 
 Cache* CacheReaper::TakeNext() {
   CritSecLock lock(lock_.get());
+  return TakeNextLocked();
+}
+
+// Null ends the stop: what comes from then on finds a thread again.
+Cache* CacheReaper::TakeNextOfStop() {
+  CritSecLock lock(lock_.get());
+  Cache* const cache = TakeNextLocked();
+  if (!cache) --stops_;
+  return cache;
+}
+
+Cache* CacheReaper::TakeNextLocked() {
   Cache* const cache = first_;
   if (cache) first_ = cache->nextToReap_;
   return cache;

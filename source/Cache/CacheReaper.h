@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "MTPrimitives.h"
@@ -29,11 +30,14 @@ class CacheReaper : public MTThreadBody {
   void Take(Cache* cache);
   void Start();
   Cache* TakeNext();
+  Cache* TakeNextOfStop();
+  Cache* TakeNextLocked() ORVANE_REQUIRES(lock_);
 
   const std::unique_ptr<MTCritSec> lock_;
   std::unique_ptr<MTSemaphore> wake_;                          // with thread_
   std::unique_ptr<MTThread> thread_ ORVANE_GUARDED_BY(lock_);  // null until needed
   Cache* first_ ORVANE_GUARDED_BY(lock_) = nullptr;
+  std::uint32_t stops_ ORVANE_GUARDED_BY(lock_) = 0;  // under way; no thread is started meanwhile
 };
 
 }  // namespace Orvane

@@ -1,6 +1,7 @@
 #include "Cache/DispatchedReadCallback.h"
 
 #include <algorithm>
+#include <new>
 
 #include "Buffer.h"
 #include "BufferFactory.h"
@@ -66,7 +67,9 @@ void DispatchedReadCallback::Dispatch() {
 void DispatchedReadCallback::QueueRead() {
   transaction_ = new CacheTransaction;
   TransactionInternals::MarkAsBatch(transaction_);
-  transaction_->Setup(source_, start_, list_, this, dueTime_, MTThread::kPriorityNormal);
+  if (!transaction_->Setup(source_, start_, list_, this, dueTime_, MTThread::kPriorityNormal)) {
+    throw std::bad_alloc();
+  }
   std::unique_ptr<DispatchedReadCommand, FinishUnused> command(
       new DispatchedReadCommand(context_.cache, transaction_));
   context_.dispatchedReadProcessor->Add(command.get());
