@@ -26,9 +26,7 @@ CommandProcessor::CommandProcessor(const std::uint32_t* kinds, std::size_t kindC
       section_(NewCritSec(sectionClass)),
       asideCount_(MTInterface::NewAtomicUnsigned32(0)),
       kinds_(new (std::nothrow) std::uint32_t[kindCount]),
-      kindCount_(kindCount),
-      queue_(/*ascending=*/true, /*threadSafe=*/true),
-      aside_(/*ascending=*/true, /*threadSafe=*/true) {
+      kindCount_(kindCount) {
   if (!kinds_) return;
   std::copy_n(kinds, kindCount, kinds_.get());
   thread_.reset(MTInterface::NewThread(this, priority, MTThread::kProcessorAny));
@@ -60,7 +58,7 @@ void CommandProcessor::Add(Command* command) {
 }
 
 void CommandProcessor::AddQuietly(Command* command) {
-  if (command) queue_.AddObject(command);
+  if (command) queue_.Add(command);
 }
 
 void CommandProcessor::Remove(CommandFinder* finder) {
@@ -98,7 +96,7 @@ void CommandProcessor::Release() {
 }
 
 Command* CommandProcessor::TakeNext(CommandFinder* finder) {
-  auto* const next = static_cast<Command*>(queue_.GetFirst());
+  Command* const next = queue_.GetFirst();
   if (!next || !finder->Matches(next, next->GetKind())) return nullptr;
   // Only the worker and those who hold the section take commands out, so it is there still; one
   // that is due earlier may have come in front of it.
@@ -111,7 +109,7 @@ Command* CommandProcessor::TakeNext(CommandFinder* finder) {
     SortedObject* const sought_;
   };
   Same same(next);
-  return static_cast<Command*>(queue_.FindAndRemove(&same));
+  return queue_.FindAndRemove(&same);
 }
 
 std::uint64_t CommandProcessor::GetPass() {
@@ -160,19 +158,18 @@ bool CommandProcessor::RunNext(MTThread* thread, const std::uint32_t* kind, Pass
 
 // Those aside come before those of the same due time that came later.
 Command* CommandProcessor::Pick(const std::uint32_t* kind, const Pass& pass) {
-  auto* const aside = static_cast<Command*>(pass.triesAside ? aside_.GetFirst() : nullptr);
+  Command* const aside = pass.triesAside ? aside_.GetFirst() : nullptr;
   if (aside && aside->GetPass() < pass.number) {
-    const SortedObject* const next = queue_.GetFirst();
-    const auto* const fresh = static_cast<const Command*>(next);
+    const Command* const fresh = queue_.GetFirst();
     if (!fresh || aside->sortKey_ <= fresh->sortKey_) {
-      SortedObject* const taken = aside_.RemoveFirst();
+      aside_.RemoveFirst();
       SetAside(static_cast<std::uint32_t>(aside_.GetCount()));
-      return static_cast<Command*>(taken);
+      return aside;
     }
   }
-  if (!kind) return static_cast<Command*>(queue_.RemoveFirst());
+  if (!kind) return queue_.RemoveFirst();
   CommandPicker picker(*kind, pass.number);
-  return static_cast<Command*>(queue_.FindAndRemove(&picker));
+  return queue_.FindAndRemove(&picker);
 }
 
 // Whether the command is to be finished; otherwise it has been put aside.
@@ -199,7 +196,7 @@ bool CommandProcessor::Run(MTThread* thread, Command* command, Pass* pass, bool*
 
 bool CommandProcessor::PutAside(Command* command) {
   try {
-    aside_.AddObject(command);
+    aside_.Add(command);
   } catch (...) {
     return false;  // memory is short
   }

@@ -7,7 +7,7 @@
 
 #include "Cache/Command.h"
 #include "Cache/CommandFinders.h"
-#include "CoreClasses/SortedObjectList.h"
+#include "Cache/CommandQueue.h"
 #include "MTPrimitives.h"
 #include "OSServices/LockClass.h"
 
@@ -80,8 +80,8 @@ class CommandProcessor : public MTThreadBody {
   std::unique_ptr<std::uint32_t[]> kinds_;
   std::size_t kindCount_;
 
-  SortedObjectList queue_;  // not run yet
-  SortedObjectList aside_;  // ran and answered false
+  CommandQueue queue_;  // not run yet
+  CommandQueue aside_;  // ran and answered false
 
   std::uint64_t pass_ ORVANE_GUARDED_BY(section_) = 0;
   bool goesOnAtOnce_ = false;  // the thread's: the last pass got further and left something

@@ -13,6 +13,7 @@ list(APPEND ORVANE_SOURCES
   Cache/CacheTransactionWorkResultCallback.cpp
   Cache/CancelMutex.cpp
   Cache/CommandProcessor.cpp
+  Cache/CommandQueue.cpp
   Cache/DispatchedReadCallback.cpp
   Cache/PreReadTransactionList.cpp
   Cache/RangeList.cpp
