@@ -22,9 +22,9 @@ class BufferList;
 //
 // Asynchronous operations answer kResultPending when started and then report exactly once through
 // the callback, possibly before the start has returned. Any other answer means that no callback
-// follows. A null callback is allowed where no cache is attached: the operation runs and nothing is
-// reported. Synchronous operations wait, and never answer kResultPending. Byte counts are written
-// only by a call whose operation was started; the pointer may be null.
+// follows. A null callback is allowed, except for ReadAsyncWithList with a cache: the operation
+// runs and nothing is reported. Synchronous operations wait, and never answer kResultPending. Byte
+// counts are written only by a call whose operation was started; the pointer may be null.
 //
 // With a cache attached (UseCache) reads of any offset and size are served from its blocks, which
 // are filled as needed; a synchronous read of what is in memory is copied on the calling thread. A

@@ -25,12 +25,14 @@ class ORVANE_EXPORT NativeFileSource : public FileSource {
   virtual const char* GetName();
 
   // Opens an existing file, or also creates a missing one when `create`. False without a name or
-  // when already open.
-  // KEPT: a file that the host cannot open is not reported here: the answer is true and the first
-  // read or write on it reports kResultError through its callback.
+  // when already open. With a cache attached its blocks of this source are forgotten
+  // (Cache::Purge): the file may be another one. KEPT: a file that the host cannot open is not
+  // reported here: the answer is true and the first read or write on it reports kResultError
+  // through its callback.
   virtual bool Open(bool forRead, bool forWrite, bool create) = 0;
   // Cancels what is outstanding (see Cancel), then closes. False if not open. Requests that arrive
-  // meanwhile are answered kResultNotSupported. Works inside callbacks.
+  // meanwhile are answered kResultNotSupported. Works inside callbacks. Until the next Open a cache
+  // still answers reads of what it has in memory.
   virtual bool Close() = 0;
   // What the last Open asked for. KEPT: unchanged by Close.
   virtual bool IsOpenForRead() = 0;

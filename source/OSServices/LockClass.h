@@ -14,15 +14,15 @@ namespace Orvane {
 enum class LockClass : std::uint8_t {
   // The block cache.
   kCacheCancel,            // one Cancel or Purge at a time
-  kReadSection,            // the read requests of one source
-  kDispatchedReadSection,  // those of them that were handed to the source
-  kCopySection,            // copying out of blocks
+  kReadSection,            // the read processor of one cache
+  kDispatchedReadSection,  // its dispatched-read processor
+  kCopySection,            // its copy processor
   kBatchTracker,           // the work tracker of a batch of blocks
   kBatch,                  // the blocks of a batch
   kBlockList,              // the blocks of a cache
   kBlock,                  // one block
   kTracker,                // the work tracker of one transaction
-  kCacheObject,            // the fields of a cache
+  kCacheObject,            // small state of a cache: who cancels, what is being reported
   kCommandQueue,           // what the workers are asked to do
   kPreReadList,            // the pre-reads that wait
   kPreReadTracker,         // the work tracker of a pre-read
