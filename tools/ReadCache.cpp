@@ -55,7 +55,9 @@ void ReadCache::ReadingUpTo(std::uint64_t position) {
   const std::uint64_t behind =
       (position + options_.blockBytes - 1) / options_.blockBytes * options_.blockBytes;
   nextPreRead_ = std::max(nextPreRead_, behind);
-  const std::uint64_t windowEnd = std::min(position + options_.preReadBytes, bytes_);
+  // At least a piece, or there would be none at all.
+  const std::uint64_t windowEnd =
+      std::min(behind + std::max(options_.preReadBytes, pieceBytes_), bytes_);
   while (nextPreRead_ < windowEnd) {
     const std::uint64_t missing = windowEnd - nextPreRead_;
     if (missing < pieceBytes_ && windowEnd < bytes_) return;
