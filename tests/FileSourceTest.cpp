@@ -341,9 +341,24 @@ TEST_F(FileSourceTest, ACallbackThatThrowsLeavesNothing) {
   AutoRelease<Buffer> buffer(new HeapBuffer(100));
   AutoRelease<CustomSource> source(new CustomSource(Inline(FileSource::kResultOK, 100)));
   AutoRelease<Throwing> callback(new Throwing);
-  EXPECT_THROW(source->ReadAsync(0, buffer, callback, 0), int);
+  TestMTInterface::Get().TakeDebugText();
+  EXPECT_EQ(FileSource::kResultPending, source->ReadAsync(0, buffer, callback, 0));
+  EXPECT_NE(std::string::npos, TestMTInterface::Get().TakeDebugText().find("Exception"));
   EXPECT_EQ(1, callback->GetRefCount());
   EXPECT_EQ(1, buffer->GetRefCount());
+}
+
+TEST_F(FileSourceTest, ASourceThatThrowsLeavesNothing) {
+  AutoRelease<Buffer> buffer(new HeapBuffer(100));
+  AutoRelease<CustomSource> source(
+      new CustomSource([](const CustomSource::Call&) -> FileSource::Result_t { throw 5; }));
+  std::vector<BufferCallback::BufferReport> reports;
+  AutoRelease<BufferCallback> callback(new BufferCallback(&reports));
+  EXPECT_THROW(source->ReadAsync(0, buffer, callback, 0), int);
+  EXPECT_THROW(source->WriteAsync(0, buffer, callback, 0), int);
+  EXPECT_EQ(1, callback->GetRefCount());
+  EXPECT_EQ(1, buffer->GetRefCount());
+  EXPECT_TRUE(reports.empty());
 }
 
 // Other operations.

@@ -55,7 +55,12 @@ CacheSource::Result_t StartWithBuffer(FileSource* source, ListOperation operatio
   CacheSource::Result_t result = CacheSource::kResultError;
   if (buffer) {
     auto* wrapper = new ResultCallbackWrapper(callback, buffer);
-    result = (source->*operation)(offset, wrapper->GetList(), wrapper, dueTime);
+    try {
+      result = (source->*operation)(offset, wrapper->GetList(), wrapper, dueTime);
+    } catch (...) {
+      wrapper->DecRef(kFile, site.function, site.line);
+      throw;
+    }
     // Once started, the wrapper may be gone.
     if (result == CacheSource::kResultPending) return result;
     wrapper->DecRef(kFile, site.function, site.line);

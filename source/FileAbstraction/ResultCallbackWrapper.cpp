@@ -47,8 +47,7 @@ void ResultCallbackWrapper::Callback(CacheSource::Result_t result, std::uint64_t
   if (!semaphore_) {
     SharedObjectAutoRef dropAfterwards(this);
     DecRef(kFile, "ResultCallbackWrapper::Callback", 81);
-    const ReportScope::CallersCode callersCode;
-    if (callback_) callback_->Callback(result, offset, list ? list->GetBuffer(0) : nullptr, bytes);
+    if (callback_) TellCaller(result, offset, list ? list->GetBuffer(0) : nullptr, bytes);
     return;
   }
   bytes_ = bytes;
@@ -56,6 +55,16 @@ void ResultCallbackWrapper::Callback(CacheSource::Result_t result, std::uint64_t
   // The waiter drops the wrapper as soon as he is woken; it stays until the wake-up is over.
   AddRef(kFile, "ResultCallbackWrapper::Callback", __LINE__);
   if (!ReportScope::Defer(this)) FinishReport();
+}
+
+void ResultCallbackWrapper::TellCaller(CacheSource::Result_t result, std::uint64_t offset,
+                                       Buffer* buffer, std::uint64_t bytes) {
+  const ReportScope::CallersCode callersCode;
+  try {
+    callback_->Callback(result, offset, buffer, bytes);
+  } catch (...) {
+    MTInterface::DebugString("Unhandled Exception In File Callback\n");
+  }
 }
 
 void ResultCallbackWrapper::FinishReport() {

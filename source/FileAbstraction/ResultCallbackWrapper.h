@@ -24,7 +24,7 @@ class ResultCallbackWrapper : public FileSource::ResultCallbackBufferList, priva
   bool HasSemaphore() const { return semaphore_ != nullptr; }
   // The list of the one buffer, or null. The reference is the wrapper's.
   BufferList* GetList() const { return list_; }
-  // On the I/O thread.
+  // On the thread that completes the request.
   void Callback(CacheSource::Result_t result, std::uint64_t offset, BufferList* list,
                 std::uint64_t bytes) override;
   // Blocks until the completion, gives back the list, drops the wrapper. kResultError without a
@@ -36,6 +36,8 @@ class ResultCallbackWrapper : public FileSource::ResultCallbackBufferList, priva
 
  private:
   void FinishReport() override;
+  void TellCaller(CacheSource::Result_t result, std::uint64_t offset, Buffer* buffer,
+                  std::uint64_t bytes);
   void MakeList(Buffer* buffer, unsigned long line);
   void ReleaseList();
   CacheSource::Result_t GetResult();

@@ -31,21 +31,24 @@ void TransactionWrapper::Callback(CacheSource::Result_t result, std::uint64_t of
   ReportScope::Release(this, kFile, "TransactionWrapper::Callback", 154);
 }
 
-// There is no other completion to come: whatever the source says ends the transaction.
+// There is no other completion to come: whatever the source says ends the transaction. With one
+// call, because its owner may load it anew as soon as it has ended.
 void TransactionWrapper::CompleteTransaction(CacheSource::Result_t result, std::uint64_t offset,
                                              std::uint64_t bytes) {
-  bytes = std::min(bytes, transaction_->GetSize());
+  const std::uint64_t size = transaction_->GetSize();
+  bytes = std::min(bytes, size);
+  // Fewer bytes than asked for: the data ended there.
+  if (result == CacheSource::kResultOK && bytes < size) result = CacheSource::kResultPartial;
   if (result == CacheSource::kResultPartial && bytes == 0) result = CacheSource::kResultOutOfRange;
   if (result == CacheSource::kResultOutOfRange) bytes = 0;
-  transaction_->Complete(offset, bytes, result);
-  std::uint64_t done = 0;
-  if (transaction_->GetResult(&done) != CacheSource::kResultPending) return;
-  if (result == CacheSource::kResultOK && offset == transaction_->GetOffset()) {
-    // Fewer bytes than asked for: the data ended there.
-    transaction_->Complete(
-        offset, bytes, bytes > 0 ? CacheSource::kResultPartial : CacheSource::kResultOutOfRange);
+  const bool isOfTheData = result == CacheSource::kResultOK ||
+                           result == CacheSource::kResultPartial ||
+                           result == CacheSource::kResultOutOfRange;
+  if (isOfTheData && offset == transaction_->GetOffset()) {
+    transaction_->Complete(offset, bytes, result);
   } else {
-    transaction_->SetResult(CacheSource::kResultError);
+    transaction_->SetResult(result == CacheSource::kResultFailed ? result
+                                                                 : CacheSource::kResultError);
   }
 }
 
