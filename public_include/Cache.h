@@ -56,17 +56,19 @@ class ORVANE_EXPORT Cache : public SharedObject {
   explicit Cache(BufferFactory* factory);
 
   // Starts a read. kResultPending: the outcome comes through the transaction's callback, exactly
-  // once. Otherwise nothing follows: kResultNotSupported for no transaction, one without a source
-  // and one whose range passes 2^64; kResultFailed while the source is being cancelled and
-  // kResultError without blocks or memory, which become the transaction's result as well;
-  // kResultError, with nothing changed, for one that is in use; kResultOutOfRange, as its result
-  // too, for one of size 0.
+  // once. Refused, with nothing changed and no callback: kResultNotSupported for no transaction,
+  // one without a source and one whose range passes 2^64; kResultError for one that is in use, or
+  // over and not set up again. Refused with the answer as the transaction's result, so that its
+  // callback has run when this returns: kResultFailed while the source is being cancelled,
+  // kResultError without blocks or memory, kResultOutOfRange for one of size 0.
   CacheSource::Result_t Read(CacheTransaction* transaction);
 
   // Has the blocks that the range meets (bytes) filled, in order of due time, unless they are there
-  // or on their way. Neither reported nor repeated: a pre-read that finds no free block is dropped.
-  // Never evicts a block that is wanted later than now. A source that supports pre-reads itself is
-  // asked to make them instead.
+  // or on their way; at most as many as the cache has, from the start of the range. Neither
+  // reported nor repeated: a pre-read that finds no free block is dropped, and so are all while the
+  // source is being cancelled. Never evicts a block that is wanted later than now: give pre-reads
+  // due times at which the data is really needed, or kDueASAP. A source that supports pre-reads
+  // itself is asked to make them instead.
   void PreRead(CacheSource* source, std::uint64_t offset, std::uint64_t size, std::uint32_t dueTime,
                MTThread::MTPriority priority);
 
@@ -87,8 +89,8 @@ class ORVANE_EXPORT Cache : public SharedObject {
   std::uint64_t GetBlockSize() const;
 
   // Counts blocks: read from memory, missed, read from the source, filled by pre-reads. Off at
-  // first, when all answers are 0; turning it off discards the counts, turning it on again keeps
-  // them. A block that is being filled by a pre-read counts as a hit.
+  // first, when all answers are 0; turning it on while it is on keeps the counts, turning it off
+  // discards them. A block that is being filled by a pre-read counts as a hit.
   void CollectCacheStats(bool on);
   void ResetCacheStats();
   std::uint32_t GetCacheHits();

@@ -100,6 +100,10 @@ CacheSource::Result_t Cache::Start(CacheTransaction* transaction, bool* isInUse)
     result = CacheSource::kResultFailed;
   } else if (transaction->GetSize() == 0) {
     result = CacheSource::kResultOutOfRange;
+  } else if (TransactionInternals::IsOver(transaction,
+                                          TransactionInternals::GetGeneration(transaction))) {
+    // Nothing would ever report it, and it would stay in use.
+    *isInUse = true;
   } else if (parts_->CanRead()) {
     try {
       std::unique_ptr<ReadCommand, FinishUnused> command(new ReadCommand(this, transaction));
@@ -148,6 +152,8 @@ void Cache::QueuePreRead(CacheSource* source, std::uint64_t offset, std::uint32_
 void Cache::Invalidate(CacheSource* source, std::uint64_t offset, std::uint64_t size) {
   if (!source || !parts_->blocks_) return;
   ReportScope scope;
+  // What it takes out of its block a cancel does not find there any more.
+  ReportRegistry::Pending pending(&parts_->reports_, source->GetSourceKey());
   parts_->blocks_->InvalidateRange(source, offset, ClampSize(offset, size));
 }
 

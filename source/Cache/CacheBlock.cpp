@@ -199,6 +199,11 @@ void CacheBlock::ServeTransaction(const Entry& entry, const Content& content) {
                                                                     : CacheSource::kResultError);
     return;
   }
+  if (transaction->IsPreReadTransaction()) {
+    // Nothing is copied: what there is has been read.
+    transaction->Complete(begin, end - begin, CacheSource::kResultOK);
+    return;
+  }
   if (dataEnd <= begin) {
     transaction->Complete(begin, 0, CacheSource::kResultOutOfRange);
     return;
@@ -414,7 +419,13 @@ bool CacheBlock::IsAttached(CacheTransaction* transaction, std::uint32_t generat
 
 void CacheBlock::MakeRoomForPending() {
   if (pending_.size() < pending_.capacity()) return;
-  pending_.reserve(std::max<std::size_t>(2, 2 * (pending_.size() - pendingHead_)));
+  // As many were served as wait, at least: their room will do.
+  if (pendingHead_ > 0 && pendingHead_ >= pending_.size() / 2) {
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(pendingHead_));
+    pendingHead_ = 0;
+    return;
+  }
+  pending_.reserve(std::max<std::size_t>(2, 2 * pending_.size()));
 }
 
 bool CacheBlock::PopPending(Entry* entry) {

@@ -16,6 +16,9 @@ namespace {
 
 constexpr const char* kFile = "source/Cache/CacheBlockList";
 constexpr std::uint64_t kBehindAll = std::numeric_limits<std::uint64_t>::max();
+constexpr int kStepsUnderTheLock = 128;
+// How much further a transaction looks for hits than it can read ahead by itself.
+constexpr std::uint64_t kLooksFurther = 256;
 
 // The range of blocks that [offset, offset + size) meets, first and last, in bytes.
 struct BlockRange {
@@ -81,10 +84,15 @@ CacheBlock* CacheBlockList::FindBlockToCopyOutOf(CacheTransaction* transaction, 
   Lock lock(this);
   std::uint64_t offset = 0;
   std::uint64_t size = 0;
+  if (!TransactionInternals::PeekRange(transaction, 0, &offset, &size)) return nullptr;
+  // What is missing in front has to be read first, so a long transaction comes back many times.
+  const std::uint64_t begin = offset;
+  const std::uint64_t most = blocks_.size() + kLooksFurther;
   while (TransactionInternals::PeekRange(transaction, *cursor, &offset, &size)) {
     const BlockRange range(offset, size, blockSize_);
     for (std::uint64_t k = 0; k < range.count; ++k) {
       const std::uint64_t place = range.first + k * blockSize_;
+      if (place > begin && (place - begin) / blockSize_ > most) return nullptr;
       // Past the last block of all there is nothing.
       *cursor = place > kBehindAll - blockSize_ ? kBehindAll : place + blockSize_;
       CacheBlock* const block = index_.Find(sourceKey, place);
@@ -99,17 +107,24 @@ CacheBlock* CacheBlockList::FindBlockToCopyOutOf(CacheTransaction* transaction, 
 }
 
 CacheBlock* CacheBlockList::FindBlockToReadInto(CacheTransaction* transaction) {
-  Lock lock(this);
-  CacheBlock* const candidate = FindCandidate();
-  ReadIntoBlockFinder finder(transaction);
-  // One that it refuses because it is wanted later is the first to be free: so are all others.
-  if (candidate) finder.Check(candidate);
-  return finder.GetBlock();
+  for (bool goesOn = true; goesOn;) {
+    goesOn = false;
+    Lock lock(this);
+    CacheBlock* const candidate = FindCandidate(&goesOn);
+    if (!candidate) continue;
+    // One that it refuses because it is wanted later is the first to be free: so are all others.
+    ReadIntoBlockFinder finder(transaction);
+    finder.Check(candidate);
+    return finder.GetBlock();
+  }
+  return nullptr;
 }
 
-// The free block that was used longest ago.
-CacheBlock* CacheBlockList::FindCandidate() {
-  for (;;) {
+// The free block that was used longest ago. Null with *goesOn when there is more to put in order
+// than others should be kept waiting for: after hits all over, each block has to be placed anew
+// once.
+CacheBlock* CacheBlockList::FindCandidate(bool* goesOn) {
+  for (int steps = 0; steps < kStepsUnderTheLock; ++steps) {
     auto* const block = static_cast<CacheBlock*>(candidates_.GetFirst());
     if (!block || block->placedStamp_ == kBehindAll) return nullptr;
     CritSecLock lock(block->lock_.get());
@@ -124,6 +139,8 @@ CacheBlock* CacheBlockList::FindCandidate() {
     }
     block->Resort();
   }
+  *goesOn = true;
+  return nullptr;
 }
 
 void CacheBlockList::CancelSource(CacheSource* source) {

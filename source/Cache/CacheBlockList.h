@@ -103,7 +103,7 @@ class CacheBlockList {
 
  private:
   void MakeBlocks(Cache* cache);
-  CacheBlock* FindCandidate();
+  CacheBlock* FindCandidate(bool* goesOn);
   // Calls visit(block) for each block that holds something of the range; with no lock held.
   template <typename Visit>
   void VisitBlocksOfRange(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,

@@ -45,6 +45,8 @@ class DispatchedReadCommand : public TransactionCommand {
   DispatchedReadCommand(Cache* cache, CacheTransaction* transaction);
   bool Execute() override;
   void Finish(bool cancelled) override;
+  // A busy source says nothing about others.
+  const void* GetResource() const override { return GetSource(); }
 };
 
 // Serves the transactions that wait for a block. The block outlives it.

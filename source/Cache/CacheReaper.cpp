@@ -3,6 +3,7 @@
 #include "Cache.h"
 #include "MTInterface.h"
 #include "OSServices/CritSecLock.h"
+#include "OSServices/LibraryThread.h"
 #include "OSServices/LockClass.h"
 
 namespace Orvane {
@@ -55,6 +56,7 @@ void CacheReaper::Stop() {
 }
 
 void CacheReaper::ThreadMain(MTThread* thread) {
+  LibraryThreadMark mark;
   for (;;) {
     while (Cache* const cache = TakeNext()) delete cache;
     if (thread->IsTerminating()) return;

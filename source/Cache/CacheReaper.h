@@ -28,7 +28,6 @@ class CacheReaper : public MTThreadBody {
   CacheReaper();
   static CacheReaper& Get();
   void Take(Cache* cache);
-  void Start();
   Cache* TakeNext();
   Cache* TakeNextOfStop();
   Cache* TakeNextLocked() ORVANE_REQUIRES(lock_);

@@ -182,7 +182,8 @@ CacheSource::Result_t CacheTransaction::CopyInto(void* data, std::uint64_t offse
   const std::uint32_t last =
       CopyToBuffers(static_cast<std::byte*>(data) + (from - offset), from, count, &copied);
   if (copied > 0) {
-    Complete(from, copied, result);
+    // The data does not end where a buffer refused it.
+    Complete(from, copied, copied == count ? result : CacheSource::kResultOK);
     if (copiedOffset) *copiedOffset = from;
     if (copiedSize) *copiedSize = copied;
     if (last == Buffer::kBufferOK) return GetResult(nullptr);
@@ -283,8 +284,7 @@ void CacheTransaction::ReleaseFields() {
 bool CacheTransaction::SetCacheInUseBy(Cache* cache) {
   if (!cache || cacheInUseBy_->Get()) return false;
   // Reports success by 32 bits: any pointer that is a multiple of 4 GiB looks like null.
-  cacheInUseBy_->CompareAndSwap(nullptr, cache);
-  return cacheInUseBy_->Get() == cache;
+  return cacheInUseBy_->CompareAndSwap(nullptr, cache) && cacheInUseBy_->Get() == cache;
 }
 
 bool CacheTransaction::ClearCacheInUseBy(Cache* cache) {

@@ -29,6 +29,9 @@ class Command : public SortedObject {
   virtual std::uint64_t GetPass() { return pass_; }
   virtual void SetPass(std::uint64_t pass) { pass_ = pass; }
 
+  // What the command waits for when it answers false: those with the same wait together.
+  virtual const void* GetResource() const { return nullptr; }
+
   std::uint64_t GetSortKey() override { return sortKey_; }
   CommandKind GetKind() const { return kind_; }
   // Milliseconds on the clock of MTInterface::GetCurrentTimeMilli; 0: as soon as possible.

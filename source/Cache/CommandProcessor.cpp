@@ -15,10 +15,27 @@ namespace {
 constexpr std::uint32_t kWithoutLimit = 0xFFFFFFFF;
 // How long a command that stands aside waits for another try when nobody wakes the worker.
 constexpr std::uint32_t kTryAgainMs = 1;
+// Every so many passes those aside that wait for something else than the first are tried as well.
+constexpr std::uint64_t kPassesPerLookFurther = 16;
 // A pass ends after so many commands, so that those aside get their turn however many come in.
 constexpr std::size_t kCommandsPerPass = 64;
 
 }  // namespace
+
+// A command that was not tried in this pass and waits for nothing that was found wanting in it.
+class CommandProcessor::OtherWaiter : public SortedObjectFinder {
+ public:
+  explicit OtherWaiter(const Pass* pass) : pass_(pass) {}
+  bool Check(SortedObject* object) override {
+    auto* const command = static_cast<Command*>(object);
+    const auto end = pass_->missing.begin() + static_cast<std::ptrdiff_t>(pass_->missingCount);
+    return command->GetPass() < pass_->number &&
+           std::find(pass_->missing.begin(), end, command->GetResource()) == end;
+  }
+
+ private:
+  const Pass* const pass_;
+};
 
 CommandProcessor::CommandProcessor(const std::uint32_t* kinds, std::size_t kindCount,
                                    MTThread::MTPriority priority, LockClass sectionClass)
@@ -167,6 +184,14 @@ Command* CommandProcessor::Pick(const std::uint32_t* kind, const Pass& pass) {
       return aside;
     }
   }
+  if (!pass.triesAside && pass.number % kPassesPerLookFurther == 0 &&
+      pass.missingCount < pass.missing.size() && asideCount_->Get() > 1) {
+    OtherWaiter other(&pass);
+    if (Command* const command = aside_.FindAndRemove(&other)) {
+      SetAside(static_cast<std::uint32_t>(aside_.GetCount()));
+      return command;
+    }
+  }
   if (!kind) return queue_.RemoveFirst();
   CommandPicker picker(*kind, pass.number);
   return queue_.FindAndRemove(&picker);
@@ -191,6 +216,9 @@ bool CommandProcessor::Run(MTThread* thread, Command* command, Pass* pass, bool*
     return true;
   }
   pass->triesAside = false;
+  if (pass->missingCount < pass->missing.size()) {
+    pass->missing[pass->missingCount++] = command->GetResource();
+  }
   return thread->IsTerminating() || !PutAside(command);
 }
 

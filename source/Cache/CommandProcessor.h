@@ -1,6 +1,7 @@
 // A queue of commands in order of due time, and the one thread that runs them.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -62,7 +63,11 @@ class CommandProcessor : public MTThreadBody {
     std::size_t commandsRun = 0;
     bool madeProgress = false;
     bool triesAside = true;
+    // What commands have found wanting in this pass.
+    std::array<const void*, 8> missing{};
+    std::size_t missingCount = 0;
   };
+  class OtherWaiter;
 
   void RunPass(MTThread* thread);
   bool RunNext(MTThread* thread, const std::uint32_t* kind, Pass* pass);

@@ -1,7 +1,7 @@
 #include "Cache/DispatchedReadCallback.h"
 
 #include <algorithm>
-#include <new>
+#include <limits>
 
 #include "Buffer.h"
 #include "BufferFactory.h"
@@ -40,7 +40,10 @@ DispatchedReadCallback::~DispatchedReadCallback() {
 bool DispatchedReadCallback::Append(CacheBlock* block) {
   CritSecLock lock(lock_.get());
   const std::uint64_t offset = block->GetSourceOffset();
-  if (!blocks_.empty() && offset != end_) return false;
+  // The last block of all, which passes 2^64, is read by itself.
+  const bool passesTheEnd =
+      block->GetCapacity() > std::numeric_limits<std::uint64_t>::max() - offset;
+  if (!blocks_.empty() && (offset != end_ || passesTheEnd || end_ == 0)) return false;
   if (blocks_.size() == blocks_.capacity()) blocks_.reserve(2 * blocks_.size());
   list_->AddBuffer(block->GetBuffer(), /*adoptReference=*/false);
   if (blocks_.empty()) start_ = offset;
@@ -58,22 +61,26 @@ void DispatchedReadCallback::Dispatch() {
   }
   context_.registry->Add(this);
   try {
-    QueueRead();
+    // No data reaches up to the last offset of all, where the last block does not fit.
+    if (!QueueRead()) {
+      EndWith(end_ < start_ ? CacheSource::kResultOutOfRange : CacheSource::kResultError, 0);
+    }
   } catch (...) {
     EndWith(CacheSource::kResultError, 0);
   }
 }
 
-void DispatchedReadCallback::QueueRead() {
+bool DispatchedReadCallback::QueueRead() {
   transaction_ = new CacheTransaction;
   TransactionInternals::MarkAsBatch(transaction_);
   if (!transaction_->Setup(source_, start_, list_, this, dueTime_, MTThread::kPriorityNormal)) {
-    throw std::bad_alloc();
+    return false;
   }
   std::unique_ptr<DispatchedReadCommand, FinishUnused> command(
       new DispatchedReadCommand(context_.cache, transaction_));
   context_.dispatchedReadProcessor->Add(command.get());
   command.release();
+  return true;
 }
 
 void DispatchedReadCallback::Callback(CacheSource::Result_t result, CacheTransaction*,

@@ -63,7 +63,8 @@ class DispatchedReadCallback : public CacheTransaction::StatusCallback {
  private:
   friend class BatchRegistry;
 
-  void QueueRead();
+  // False if the source can not be asked for this range, or memory is short. Throws likewise.
+  bool QueueRead();
   void EndWith(CacheSource::Result_t result, std::uint64_t bytes);
   void CompleteBlock(CacheBlock* block, CacheSource::Result_t result, std::uint64_t bytes);
 

@@ -22,6 +22,21 @@ class ReportRegistry {
     std::uint32_t sourceKey_ = 0;
   };
 
+  // Stands for the reports that are about to be made in a block.
+  class Pending {
+   public:
+    Pending(ReportRegistry* registry, std::uint32_t sourceKey) : registry_(registry) {
+      registry_->Add(&entry_, sourceKey);
+    }
+    ~Pending() { registry_->Remove(&entry_); }
+    Pending(const Pending&) = delete;
+    Pending& operator=(const Pending&) = delete;
+
+   private:
+    ReportRegistry* const registry_;
+    Entry entry_;
+  };
+
   ReportRegistry();
 
   void Add(Entry* entry, std::uint32_t sourceKey);

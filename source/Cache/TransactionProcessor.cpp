@@ -150,14 +150,14 @@ void TransactionProcessor::ProcessPreReads(CacheTransaction* first) {
   ProcessPreRead(first, &batch);
   while (batch.IsOpen() && batch.GetSize() < kPreReadBatchBytes) {
     AdjacentPreReadFinder finder(batch.GetSource(), batch.GetEnd());
-    auto* const next = static_cast<ReadCommand*>(readProcessor_->TakeNext(&finder));
+    const std::unique_ptr<ReadCommand, FinishUnused> next(
+        static_cast<ReadCommand*>(readProcessor_->TakeNext(&finder)));
     if (!next) return;
     const std::uint64_t before = batch.GetEnd();
     {
       TransactionBorrow borrow(next->GetTransaction(), next->GetGeneration());
       if (borrow.IsHeld()) ProcessPreRead(next->GetTransaction(), &batch);
     }
-    next->Finish(/*cancelled=*/false);
     // It was there already, or no block was free: what follows is another read.
     if (!batch.IsOpen() || batch.GetEnd() == before) return;
   }

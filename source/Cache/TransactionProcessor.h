@@ -30,7 +30,6 @@ class TransactionProcessor {
   class OpenBatch;
 
   bool ServeHits(CacheTransaction* transaction);
-  void CopyOut(CacheTransaction* transaction, CacheBlock* block);
   void ProcessPreReads(CacheTransaction* first);
   void ProcessPreRead(CacheTransaction* transaction, OpenBatch* batch);
   bool ReadMisses(CacheTransaction* transaction);
