@@ -79,18 +79,13 @@ void DispatchedReadCommand::Finish(bool cancelled) {
 }
 
 DispatchedCopyCommand::DispatchedCopyCommand(std::uint32_t dueTime, Cache* cache,
-                                             const CacheSource* source, CacheBlock* block)
-    : CacheCommand(kCommandDispatchedCopy, dueTime, cache, source) {
-  if (block) SetBlock(block);
-}
+                                             CacheSource* source, CacheBlock* block)
+    : CacheCommand(kCommandDispatchedCopy, dueTime, cache, source),
+      sourceKey_(source->GetSourceKey()),
+      block_(block) {}
 
 DispatchedCopyCommand::DispatchedCopyCommand(Cache* cache, CacheTransaction* transaction)
     : DispatchedCopyCommand(transaction->GetDueTime(), cache, transaction->GetSource(), nullptr) {}
-
-void DispatchedCopyCommand::SetBlock(CacheBlock* block) {
-  block_ = block;
-  sourceKey_ = block->GetSourceKey();
-}
 
 bool DispatchedCopyCommand::Execute() {
   bool becameFree = false;

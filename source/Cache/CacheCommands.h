@@ -52,17 +52,18 @@ class DispatchedReadCommand : public TransactionCommand {
 // Serves the transactions that wait for a block. The block outlives it.
 class DispatchedCopyCommand : public CacheCommand {
  public:
-  DispatchedCopyCommand(std::uint32_t dueTime, Cache* cache, const CacheSource* source,
+  DispatchedCopyCommand(std::uint32_t dueTime, Cache* cache, CacheSource* source,
                         CacheBlock* block);
   // For a block that is found later.
   DispatchedCopyCommand(Cache* cache, CacheTransaction* transaction);
-  void SetBlock(CacheBlock* block);
+  void SetBlock(CacheBlock* block) { block_ = block; }
   bool Execute() override;
   void Finish(bool cancelled) override;
 
  private:
-  CacheBlock* block_ = nullptr;
-  std::uint32_t sourceKey_ = 0;  // of what the block held then
+  // The key rather than what the block holds now: that may be another source's already.
+  const std::uint32_t sourceKey_;
+  CacheBlock* block_;
 };
 
 // Destroys a command that came to no use.
