@@ -139,7 +139,8 @@ class CommandProcessorTest : public OrvaneTest {
 };
 
 TEST_F(CommandProcessorTest, RunsTheCommandThatIsDueFirstFirst) {
-  Make()->Hold();
+  Make();
+  processor_->Hold();
   Add("due 500", 500);
   Add("due 100", 100);
   processor_->Release();
@@ -149,7 +150,8 @@ TEST_F(CommandProcessorTest, RunsTheCommandThatIsDueFirstFirst) {
 
 TEST_F(CommandProcessorTest, AsSoonAsPossibleGoesBeforeEveryDueTimeAndEqualsAsTheyCame) {
   const std::uint32_t past = MTInterface::GetCurrentTimeMilli() - 5000;
-  Make()->Hold();
+  Make();
+  processor_->Hold();
   Add("past", past);
   Add("asap", CacheSource::kDueASAP);
   Add("past again", past);
@@ -164,7 +166,8 @@ TEST_F(CommandProcessorTest, AsSoonAsPossibleGoesBeforeEveryDueTimeAndEqualsAsTh
 TEST_F(CommandProcessorTest, DueTimesStayInOrderAcrossTheWrapOfTheClock) {
   constexpr std::uint32_t kHalf = 0x7FFFFFFF;
   const std::uint32_t now = MTInterface::GetCurrentTimeMilli();
-  Make()->Hold();
+  Make();
+  processor_->Hold();
   Add("far ahead", now + kHalf - 1000);
   Add("now", now == 0 ? 1 : now);
   processor_->Release();
@@ -173,7 +176,8 @@ TEST_F(CommandProcessorTest, DueTimesStayInOrderAcrossTheWrapOfTheClock) {
 }
 
 TEST_F(CommandProcessorTest, KindsRunInTheOrderInWhichTheyWereGiven) {
-  Make({kCommandReserved, kCommandRead})->Hold();
+  Make({kCommandReserved, kCommandRead});
+  processor_->Hold();
   Add("read", 100);
   Add("reserved", 500, nullptr, kCommandReserved);
   processor_->Release();
@@ -191,7 +195,8 @@ TEST_F(CommandProcessorTest, AKindThatIsNotAcceptedIsNeverRunAndCancelledAtTheEn
 }
 
 TEST_F(CommandProcessorTest, WithoutKindsEachWakeRunsTheFirstCommandOfAnyKind) {
-  Make({})->Hold();
+  Make({});
+  processor_->Hold();
   processor_->AddQuietly(new TestCommand(&journal_, "second", 500));
   processor_->AddQuietly(new TestCommand(&journal_, "first", 100, nullptr, kCommandDispatchedCopy));
   processor_->Release();
@@ -513,7 +518,8 @@ TEST_F(CommandProcessorTest, ManyQueuedCommandsInAnyOrderCostTheSameEach) {
         std::atomic<std::size_t> left{count};
         std::uint32_t last = now;
         bool inOrder = true;
-        Make()->Hold();
+        Make();
+        processor_->Hold();
         class Counting : public Command {
          public:
           Counting(std::uint32_t dueTime, std::function<void(std::uint32_t)> work)
@@ -553,7 +559,8 @@ TEST_F(CommandProcessorTest, TakesTheNextCommandForOneThatRuns) {
    private:
     const std::uint32_t dueTime_;
   };
-  Make()->Hold();
+  Make();
+  processor_->Hold();
   Add("first", 100, [this](TestCommand*) {
     // Only the very next one.
     Named third(300);

@@ -524,8 +524,8 @@ class FileSourceCacheCallbackTest : public FileSourceCacheTest {
         [this] { source_->PreRead(0, 4 * kBlock, 0, MTThread::kPriorityNormal); },
         [this] { EXPECT_EQ(kPending, Start(other_, 0, more_.get(), moreReports_)); },
         [this] { EXPECT_EQ(kPending, StartWrite(other_, kBlock, written_.get(), moreReports_)); },
-        [this] { AutoRelease<Cache>(new Cache(nullptr)).Release(); },
-        [this] {
+        [] { AutoRelease<Cache>(new Cache(nullptr)).Release(); },
+        [] {
           const AutoRelease<BufferFactoryHeap> factory(new BufferFactoryHeap);
           factory->Initialize(kBlock, 2, 2, 0);
           AutoRelease<Cache> cache(new Cache(factory));
