@@ -130,6 +130,8 @@ bool CacheBlock::LockForCopyOutOf(CacheTransaction* transaction, bool* alreadySe
     CritSecLock lock(lock_.get());
     if (IsAttached(transaction, generation)) return false;
     if (sourceKey_ == CacheSource::kInvalidKey || sourceKey_ != key || doomed_) return false;
+    // A fill that began before a write ended may show where the data ended then.
+    if (reading_.transaction && list_ && list_->HasSeenWritesSince(key, writesSeen_)) return false;
     MakeRoomForPending();
     if (!CacheSource::GetRangeIntersection(offset, size, sourceOffset_, capacity_)) return false;
     LockInner();
@@ -295,6 +297,11 @@ void CacheBlock::Doom() {
   if (list_) list_->Unlink(this);
   doomed_ = true;
   if (lockCount_ == 0) Settle();
+}
+
+void CacheBlock::RefuseMore() {
+  CacheBlockList::Lock listLock(list_);
+  Doom();
 }
 
 const char* CacheBlock::LockForResidentRead(std::uint64_t offset, std::uint64_t size) {

@@ -85,6 +85,9 @@ class CacheBlock : public SortedObject {
   // are served. REQUIRES: the list's lock.
   void Doom();
 
+  // The same, for one who holds the block and no lock.
+  void RefuseMore();
+
   // A holder that copies on its own thread: the address of the byte at `offset`, if the block has
   // all bytes from there to the end of the range, else null. REQUIRES: the list's lock.
   const char* LockForResidentRead(std::uint64_t offset, std::uint64_t size);

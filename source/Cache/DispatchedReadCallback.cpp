@@ -101,6 +101,7 @@ void DispatchedReadCallback::EndWith(CacheSource::Result_t result, std::uint64_t
     }
     if (!blocks_.empty()) {
       waiting = context_.dispatchedReadProcessor;
+      RefuseMoreWhereNothingCame(result, bytes);
       for (CacheBlock* const block : blocks_) {
         const std::uint64_t share = std::min(bytes, block->GetCapacity());
         CompleteBlock(block, result, share);
@@ -117,6 +118,18 @@ void DispatchedReadCallback::EndWith(CacheSource::Result_t result, std::uint64_t
     ReportScope::Release(std::exchange(transaction_, nullptr), kFile, kCallback, __LINE__);
   }
   ReportScope::Release(this, kFile, kCallback, __LINE__);
+}
+
+// Before anybody hears of the outcome: who reads again upon it shall not meet another block of the
+// same read.
+void DispatchedReadCallback::RefuseMoreWhereNothingCame(CacheSource::Result_t result,
+                                                        std::uint64_t bytes) {
+  const bool good = result == CacheSource::kResultOK || result == CacheSource::kResultPartial;
+  for (CacheBlock* const block : blocks_) {
+    const std::uint64_t share = std::min(bytes, block->GetCapacity());
+    if (!good || share == 0) block->RefuseMore();
+    bytes -= share;
+  }
 }
 
 // A failed block is invalidated first: released, it may be claimed for another range at once.

@@ -66,6 +66,8 @@ class DispatchedReadCallback : public CacheTransaction::StatusCallback {
   // False if the source can not be asked for this range, or memory is short. Throws likewise.
   bool QueueRead();
   void EndWith(CacheSource::Result_t result, std::uint64_t bytes);
+  void RefuseMoreWhereNothingCame(CacheSource::Result_t result, std::uint64_t bytes)
+      ORVANE_REQUIRES(lock_);
   void CompleteBlock(CacheBlock* block, CacheSource::Result_t result, std::uint64_t bytes);
 
   const BatchContext context_;
