@@ -18,48 +18,23 @@ void PrintTo(const CacheReport& report, std::ostream* out) {
   *out << "(" << static_cast<int>(report.result) << ", " << report.bytes << ")";
 }
 
-void ReportRecorder::Callback(CacheSource::Result_t result, std::uint64_t, BufferList*,
-                              std::uint64_t bytes) {
+void ReportKeeper::Keep(const Report& report) {
   std::lock_guard lock(mutex_);
-  reports_.push_back({result, bytes});
+  reports_.push_back(report);
   changed_.notify_all();
 }
 
-bool ReportRecorder::WaitFor(std::size_t count) {
+bool ReportKeeper::WaitFor(std::size_t count) {
   std::unique_lock lock(mutex_);
   return changed_.wait_for(lock, kPatience, [&] { return reports_.size() >= count; });
 }
 
-std::vector<Report> ReportRecorder::GetReports() {
+std::vector<Report> ReportKeeper::GetReports() {
   std::lock_guard lock(mutex_);
   return reports_;
 }
 
-Report ReportRecorder::GetOne() {
-  EXPECT_TRUE(WaitFor(1)) << "no report";
-  const std::vector<Report> reports = GetReports();
-  EXPECT_EQ(1u, reports.size());
-  return reports.empty() ? Report{CacheSource::kResultPending, 0} : reports[0];
-}
-
-void StatusRecorder::Callback(CacheSource::Result_t result, CacheTransaction*,
-                              std::uint64_t bytes) {
-  std::lock_guard lock(mutex_);
-  reports_.push_back({result, bytes});
-  changed_.notify_all();
-}
-
-bool StatusRecorder::WaitFor(std::size_t count) {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, kPatience, [&] { return reports_.size() >= count; });
-}
-
-std::vector<Report> StatusRecorder::GetReports() {
-  std::lock_guard lock(mutex_);
-  return reports_;
-}
-
-Report StatusRecorder::GetOne() {
+Report ReportKeeper::GetOne() {
   EXPECT_TRUE(WaitFor(1)) << "no report";
   const std::vector<Report> reports = GetReports();
   EXPECT_EQ(1u, reports.size());

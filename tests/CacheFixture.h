@@ -32,13 +32,11 @@ void PrintTo(const CacheReport& report, std::ostream* out);
 // In tests of caches; other fixtures have a Report of their own.
 using Report = CacheReport;
 
-// Keeps the reports of list requests. Two references: one of the maker, and none for the request.
-class ReportRecorder : public FileSource::ResultCallbackBufferList {
+// Reports as they come, from any thread.
+class ReportKeeper {
  public:
-  // Keeps the first reports without allocating.
-  ReportRecorder() { reports_.reserve(4); }
-  void Callback(CacheSource::Result_t result, std::uint64_t offset, BufferList* list,
-                std::uint64_t bytes) override;
+  // Keeps the first ones without allocating.
+  ReportKeeper() { reports_.reserve(4); }
   // Waits up to 5 seconds.
   bool WaitFor(std::size_t count);
   std::vector<Report> GetReports();
@@ -46,7 +44,8 @@ class ReportRecorder : public FileSource::ResultCallbackBufferList {
   Report GetOne();
 
  protected:
-  ~ReportRecorder() override = default;
+  ~ReportKeeper() = default;
+  void Keep(const Report& report);
 
  private:
   std::mutex mutex_;
@@ -54,23 +53,27 @@ class ReportRecorder : public FileSource::ResultCallbackBufferList {
   std::vector<Report> reports_;
 };
 
-// The same for transactions.
-class StatusRecorder : public CacheTransaction::StatusCallback {
+// Keeps the reports of list requests.
+class ReportRecorder : public FileSource::ResultCallbackBufferList, public ReportKeeper {
  public:
-  StatusRecorder() { reports_.reserve(4); }
-  void Callback(CacheSource::Result_t result, CacheTransaction* transaction,
-                std::uint64_t bytes) override;
-  bool WaitFor(std::size_t count);
-  std::vector<Report> GetReports();
-  Report GetOne();
+  void Callback(CacheSource::Result_t result, std::uint64_t, BufferList*,
+                std::uint64_t bytes) override {
+    Keep({result, bytes});
+  }
+
+ protected:
+  ~ReportRecorder() override = default;
+};
+
+// Keeps those of transactions.
+class StatusRecorder : public CacheTransaction::StatusCallback, public ReportKeeper {
+ public:
+  void Callback(CacheSource::Result_t result, CacheTransaction*, std::uint64_t bytes) override {
+    Keep({result, bytes});
+  }
 
  protected:
   ~StatusRecorder() override = default;
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Report> reports_;
 };
 
 // Memory to read into, with its list. Owns one reference of each.

@@ -16,14 +16,6 @@
 namespace Orvane {
 namespace {
 
-class TestCache : public Cache {
- public:
-  TestCache() : Cache(nullptr) {}
-
- protected:
-  ~TestCache() override = default;
-};
-
 // The least that makes a source; opens up the hooks that a cache calls.
 class TestSource : public CacheSource {
  public:
@@ -123,8 +115,8 @@ TEST_F(CacheSourceTest, AlignRoundsDownToAPage) {
 }
 
 TEST_F(CacheSourceTest, ASecondCacheIsRefusedAndTheFirstIsKept) {
-  AutoRelease<TestCache> cache(new TestCache);
-  AutoRelease<TestCache> second(new TestCache);
+  AutoRelease<Cache> cache(new Cache(nullptr));
+  AutoRelease<Cache> second(new Cache(nullptr));
   AutoRelease<TestSource> source(new TestSource);
   EXPECT_EQ(nullptr, source->GetCache());
   EXPECT_TRUE(source->UseCache(cache));
@@ -136,7 +128,7 @@ TEST_F(CacheSourceTest, ASecondCacheIsRefusedAndTheFirstIsKept) {
 }
 
 TEST_F(CacheSourceTest, NoCacheIsRefusedAndDetachesNothing) {
-  AutoRelease<TestCache> cache(new TestCache);
+  AutoRelease<Cache> cache(new Cache(nullptr));
   AutoRelease<TestSource> source(new TestSource);
   EXPECT_FALSE(source->UseCache(nullptr));
   EXPECT_TRUE(source->UseCache(cache));
@@ -146,7 +138,7 @@ TEST_F(CacheSourceTest, NoCacheIsRefusedAndDetachesNothing) {
 
 TEST_F(CacheSourceTest, TheReferenceOnTheCacheGoesWithTheSource) {
   CallSites sites;
-  AutoRelease<Recording<TestCache>> cache(new Recording<TestCache>(&sites));
+  AutoRelease<Recording<Cache>> cache(new Recording<Cache>(&sites, nullptr));
   AutoRelease<TestSource> source(new TestSource);
   ASSERT_TRUE(source->UseCache(cache));
   source.Release();

@@ -33,14 +33,6 @@ constexpr std::uint64_t kStart = 1000;  // of the transactions
 constexpr std::uint64_t kSize = 100;
 constexpr MTThread::MTPriority kNormal = MTThread::kPriorityNormal;
 
-class TestCache : public Cache {
- public:
-  TestCache() : Cache(nullptr) {}
-
- protected:
-  ~TestCache() override = default;
-};
-
 class TestSource : public CacheSource {
  public:
   TestSource() = default;
@@ -143,7 +135,7 @@ class CacheTransactionTest : public OrvaneTest {
     return {{result, transaction_, bytes}};
   }
 
-  AutoRelease<TestCache> cache_{new TestCache};
+  AutoRelease<Cache> cache_{new Cache(nullptr)};
   AutoRelease<TestSource> source_{new TestSource};
   AutoRelease<TestCallback> callback_{new TestCallback};
   AutoRelease<BufferList> list_{NewList({40, 20, 40})};
@@ -382,7 +374,7 @@ TEST_F(CacheTransactionTest, SetupThatFindsNoMemoryChangesNothing) {
 }
 
 TEST_F(CacheTransactionTest, OnlyOneCacheUsesIt) {
-  AutoRelease<TestCache> other(new TestCache);
+  AutoRelease<Cache> other(new Cache(nullptr));
   EXPECT_FALSE(Internals::SetCacheInUseBy(transaction_, nullptr));
   EXPECT_TRUE(Internals::SetCacheInUseBy(transaction_, cache_));
   EXPECT_FALSE(Internals::SetCacheInUseBy(transaction_, other));

@@ -25,9 +25,9 @@ class FaultyFileTest : public OrvaneTest {
 
   void SetUp() override {
     OrvaneTest::SetUp();
-    if (!EnterPrivateMounts()) GTEST_SKIP() << "mounting is not allowed here";
+    if (!EnterPrivateMounts()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to mount";
     system_ = std::make_unique<Faulty>();
-    if (!system_->IsMounted()) GTEST_SKIP() << "user file systems cannot be mounted here";
+    if (!system_->IsMounted()) GTEST_SKIP() << "needs FUSE: /dev/fuse";
   }
   void TearDown() override {
     if (system_) system_->ReleaseHeld();
@@ -326,7 +326,7 @@ TEST_F(FaultyFileTest, AHeldReadDoesNotStopOtherFiles) {
 // must not be the one I/O thread.
 TEST_F(FaultyFileTest, ManyHeldReadsDoNotStopOtherFiles) {
   if (NativeFileSysInterfaceImpHost::GetEngine() == NativeFileSysInterfaceImpHost::kEngineThreads) {
-    GTEST_SKIP() << "a few threads are all there is, and all of them may wait";
+    GTEST_SKIP() << "this engine has 8 threads by design: held reads take all of them";
   }
   const TestFile file("meanwhile");
   ASSERT_TRUE(file.FillWithPattern(0, Page()));

@@ -25,14 +25,6 @@ constexpr Result_t kAllFailures[] = {FileSource::kResultBusy,       FileSource::
                                      FileSource::kResultNone,       FileSource::kResultOK,
                                      FileSource::kResultPartial,    FileSource::kResultLockFailed};
 
-class TestCache : public Cache {
- public:
-  TestCache() : Cache(nullptr) {}
-
- protected:
-  ~TestCache() override = default;
-};
-
 // Hands every list operation to the test.
 class CustomSource : public FileSource {
  public:
@@ -392,7 +384,7 @@ class FileSourceWithCacheTest : public FileSourceTest {
  protected:
   void SetUp() override {
     FileSourceTest::SetUp();
-    cache_ = new TestCache;
+    cache_ = new Cache(nullptr);
     source_ = new CustomSource(Inline(FileSource::kResultOK, 100));
     ASSERT_TRUE(source_->UseCache(cache_));
   }
@@ -402,7 +394,7 @@ class FileSourceWithCacheTest : public FileSourceTest {
     FileSourceTest::TearDown();
   }
 
-  TestCache* cache_ = nullptr;
+  Cache* cache_ = nullptr;
   CustomSource* source_ = nullptr;
 };
 

@@ -137,7 +137,7 @@ TEST_F(NativeFileHostTest, FilesThatReportNoSizeAreReadToTheirEnd) {
   std::ifstream file("/proc/kallsyms", std::ios::binary);
   std::vector<char> expected(24 * Page());
   file.read(expected.data(), static_cast<std::streamsize>(expected.size()));
-  if (file.gcount() == 0) GTEST_SKIP() << "/proc/kallsyms is missing or empty";
+  if (file.gcount() == 0) GTEST_SKIP() << "needs a kernel with CONFIG_KALLSYMS";
   expected.resize(static_cast<std::size_t>(file.gcount()));
   const bool whole = expected.size() == 24 * Page();
   const Source source(OpenSource("/proc/kallsyms", OpenFor::kRead));
@@ -171,7 +171,7 @@ TEST_F(NativeFileHostTest, SocketsReportErrors) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (file.Path().size() >= sizeof address.sun_path) {
-    GTEST_SKIP() << "the path is too long for a socket: " << file.Path();
+    GTEST_SKIP() << "a socket's name has at most 107 bytes; use a shorter --dir";
   }
   std::memcpy(address.sun_path, file.Path().c_str(), file.Path().size());
   const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -186,7 +186,7 @@ TEST_F(NativeFileHostTest, TerminalsReportErrors) {
   char name[100];
   if (terminal < 0 || unlockpt(terminal) != 0 || ptsname_r(terminal, name, sizeof name) != 0) {
     if (terminal >= 0) close(terminal);
-    GTEST_SKIP() << "no terminal can be made here";
+    GTEST_SKIP() << "needs /dev/ptmx and /dev/pts to make a terminal";
   }
   ExpectErrors(name);
   close(terminal);
@@ -224,7 +224,7 @@ TEST_F(NativeFileHostTest, AReadOnlyFileOpenedForWritingReportsErrors) {
   ASSERT_TRUE(file.FillWithPattern(0, Page()));
   ASSERT_EQ(0, chmod(file.Path().c_str(), 0444));
   const OrdinaryUser user;
-  if (!user.IsInEffect()) GTEST_SKIP() << "the privileges of root cannot be given up";
+  if (!user.IsInEffect()) GTEST_SKIP() << "root may write it, and seteuid is denied";
   const Source writer(OpenSource(file.Path(), OpenFor::kReadAndWrite));
   EXPECT_EQ((Outcome{kError, 0}), WriteFrom(writer, 0, OnePage()));
   EXPECT_EQ((Outcome{kError, 0}), ReadInto(writer, 0, OnePage()));
@@ -265,33 +265,33 @@ class NativeFileMountTest : public NativeFileHostTest {
 };
 
 TEST_F(NativeFileMountTest, AFullFileSystemInMemoryReportsErrors) {
-  if (!EnterPrivateMounts()) GTEST_SKIP() << "mounting is not allowed here";
+  if (!EnterPrivateMounts()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to mount tmpfs";
   const Mount mount({"-t", "tmpfs", "-o", "size=256k", "none"});
   ASSERT_TRUE(mount.IsMounted());
   ExpectFull(mount.PathOf("full"), 1 << 20);
 }
 
 TEST_F(NativeFileMountTest, AFullDiskReportsErrors) {
-  if (!EnterPrivateMounts()) GTEST_SKIP() << "mounting is not allowed here";
+  if (!EnterPrivateMounts()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to mount";
   const TestFile image("image-full");
   ASSERT_TRUE(image.Resize(4 << 20));
-  if (!RunProgram({"mkfs.ext4", "-q", "-F", image.Path()})) GTEST_SKIP() << "no mkfs.ext4 here";
+  if (!RunProgram({"mkfs.ext4", "-q", "-F", image.Path()})) GTEST_SKIP() << "needs mkfs.ext4";
   const Mount mount({"-o", "loop", image.Path()});
-  if (!mount.IsMounted()) GTEST_SKIP() << "no loop device can be mounted here";
+  if (!mount.IsMounted()) GTEST_SKIP() << "needs a loop device";
   ExpectFull(mount.PathOf("full"), 8 << 20);
 }
 
 // The device loses its second half while a file lies on both.
 TEST_F(NativeFileMountTest, ABrokenDiskReportsErrorsBehindTheBytesItStillHas) {
-  if (!EnterPrivateMounts()) GTEST_SKIP() << "mounting is not allowed here";
+  if (!EnterPrivateMounts()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to mount";
   constexpr std::size_t kSize = 24 << 20;
   const TestFile image("image-broken");
   ASSERT_TRUE(image.Resize(32 << 20));
   if (!RunProgram({"mkfs.ext4", "-q", "-F", "-O", "^has_journal", image.Path()})) {
-    GTEST_SKIP() << "no mkfs.ext4 here";
+    GTEST_SKIP() << "needs mkfs.ext4";
   }
   const Mount mount({"-o", "loop", image.Path()});
-  if (!mount.IsMounted()) GTEST_SKIP() << "no loop device can be mounted here";
+  if (!mount.IsMounted()) GTEST_SKIP() << "needs a loop device";
   const Memory memory(kSize);
   const Source source(OpenSource(mount.PathOf("file"), OpenFor::kReadAndWrite, /*create=*/true));
   FillPattern(memory.At(), kSize, 0);

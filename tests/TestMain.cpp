@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "LockOrderChecker.h"
 #include "Cache/CacheReaper.h"
+#include "LockOrderChecker.h"
 #include "OSServices.h"
 #include "OSServicesHost.h"
 #include "OrvaneTest.h"
@@ -61,7 +61,10 @@ bool ToEngine(const std::string& name, Engine* engine) {
 // A directory of the caller's is kept; a temporary one goes at the end.
 std::string NewTemporaryDirectory() {
   std::string name = (std::filesystem::temp_directory_path() / "orvane-tests-XXXXXX").string();
-  return mkdtemp(name.data()) ? name : std::string();
+  if (!mkdtemp(name.data())) return std::string();
+  // Some tests give up the privileges of root.
+  std::filesystem::permissions(name, std::filesystem::perms(0755));
+  return name;
 }
 
 }  // namespace
