@@ -8,13 +8,12 @@
 #include "OSServices/AtomicValue.h"
 #include "OSServices/CritSecLock.h"
 #include "OSServices/LockClass.h"
+#include "OSServices/ThreadState.h"
 
 namespace Orvane {
 namespace {
 
 constexpr const char* kFile = "source/OSServices/AsyncHandler";
-
-thread_local const AsyncHandler* workerOfThisThread = nullptr;
 
 }  // namespace
 
@@ -198,11 +197,11 @@ bool AsyncHandler::TakeControl(std::uint32_t bit) {
 }
 
 bool AsyncHandler::IsOnWorker() const {
-  return workerOfThisThread == this;
+  return GetThreadState().handler == this;
 }
 
 void AsyncHandler::SetWorkerOfThisThread(const AsyncHandler* handler) {
-  workerOfThisThread = handler;
+  GetThreadState().handler = handler;
 }
 
 }  // namespace Orvane

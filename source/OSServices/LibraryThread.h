@@ -1,6 +1,8 @@
 // Tells the library's own threads from the application's.
 #pragma once
 
+#include "OSServices/ThreadState.h"
+
 namespace Orvane {
 
 // Marks the calling thread as one that runs callers' callbacks (the I/O thread, the threads of a
@@ -16,10 +18,7 @@ class LibraryThreadMark {
   static bool IsSetOnThisThread() { return Depth() > 0; }
 
  private:
-  static int& Depth() {
-    thread_local int depth = 0;
-    return depth;
-  }
+  static int& Depth() { return GetThreadState().libraryDepth; }
 };
 
 // What a thread does for others while it waits, because they may wait for it.
@@ -29,10 +28,7 @@ class WaitServant {
   virtual void ServeWhileWaiting() = 0;
 
   // Null on a thread that nobody waits for.
-  static WaitServant*& OfThisThread() {
-    thread_local WaitServant* servant = nullptr;
-    return servant;
-  }
+  static WaitServant*& OfThisThread() { return GetThreadState().servant; }
 
  protected:
   WaitServant() = default;

@@ -1,17 +1,18 @@
 #include "OSServices/LockClass.h"
 
 #include "MTInterface.h"
+#include "OSServices/ThreadState.h"
 
 namespace Orvane {
 namespace {
 
-thread_local LockClass classBeingMade = LockClass::kOther;
-
 // Also puts the class back when the implementation throws.
 class Making {
  public:
-  explicit Making(LockClass lockClass) : outer_(classBeingMade) { classBeingMade = lockClass; }
-  ~Making() { classBeingMade = outer_; }
+  explicit Making(LockClass lockClass) : outer_(GetThreadState().classBeingMade) {
+    GetThreadState().classBeingMade = lockClass;
+  }
+  ~Making() { GetThreadState().classBeingMade = outer_; }
   Making(const Making&) = delete;
   Making& operator=(const Making&) = delete;
 
@@ -83,7 +84,7 @@ MTCritSec* NewCritSec(LockClass lockClass) {
 }
 
 LockClass GetLockClassBeingMade() {
-  return classBeingMade;
+  return GetThreadState().classBeingMade;
 }
 
 }  // namespace Orvane

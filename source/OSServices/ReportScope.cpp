@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "MTInterface.h"
+#include "OSServices/ThreadState.h"
 #include "SharedObject.h"
 
 namespace Orvane {
@@ -104,13 +105,11 @@ void ReportScope::RunReleases() {
 }
 
 ReportScope*& ReportScope::Open() {
-  thread_local ReportScope* open = nullptr;
-  return open;
+  return GetThreadState().openScope;
 }
 
 ReportScope*& ReportScope::Suspended() {
-  thread_local ReportScope* suspended = nullptr;
-  return suspended;
+  return GetThreadState().suspendedScope;
 }
 
 }  // namespace Orvane
