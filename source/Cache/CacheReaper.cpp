@@ -55,6 +55,14 @@ void CacheReaper::Stop() {
   while (Cache* const cache = reaper.TakeNextOfStop()) delete cache;
 }
 
+void CacheReaper::Abandon() {
+  CacheReaper& reaper = Get();
+  CritSecLock lock(reaper.lock_.get());
+  static_cast<void>(reaper.thread_.release());
+  reaper.first_ = nullptr;
+  reaper.stops_ = 0;
+}
+
 void CacheReaper::ThreadMain(MTThread* thread) {
   LibraryThreadMark mark;
   for (;;) {

@@ -18,6 +18,9 @@ class CacheReaper : public MTThreadBody {
   // Waits until what was handed over is destroyed, and ends the thread; it starts again when it is
   // needed. Not from a callback.
   static void Stop();
+  // Forgets its thread and what was handed over, without waiting: they belong to threads that will
+  // never run again. The next cache finds it as new.
+  static void Abandon();
 
   void ThreadMain(MTThread* thread) override;
 

@@ -1,0 +1,135 @@
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <bitset>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "Buffer.h"
+#include "OSServices/Sim/HostSim.h"
+#include "OSServices/Sim/SimPages.h"
+#include "OSServices/Sim/SimSanitizers.h"
+#include "OSServices/Sim/SimWorld.h"
+
+namespace Orvane {
+namespace {
+
+constexpr std::size_t kPagesOfWorld = std::size_t{1} << 16;
+constexpr int kUnwritten = 0xDB;
+
+struct Pages {
+  unsigned char* base = nullptr;
+  std::size_t used = 0;  // pages, of this world
+  std::bitset<kPagesOfWorld> givenBack;
+};
+
+Pages& GetPages() {
+  static auto* const pages = new Pages;
+  return *pages;
+}
+
+bool Reserve(Pages* pages) {
+  if (pages->base) return true;
+  void* const memory = mmap(nullptr, kPagesOfWorld * SimPages::kPageBytes, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (memory == MAP_FAILED) return false;
+  pages->base = static_cast<unsigned char*>(memory);
+  return true;
+}
+
+class PhysMemBufferSim : public HostBuffer {
+ public:
+  PhysMemBufferSim() : HostBuffer(nullptr, 0) {}
+  bool Map(std::size_t size) {
+    void* const memory = SimPages::Map(size);
+    if (memory) SetAddressAndSize(memory, size);
+    return memory != nullptr;
+  }
+
+ protected:
+  ~PhysMemBufferSim() override {
+    if (void* const address = HostBuffer::GetAddress()) {
+      SimPages::Unmap(address, HostBuffer::GetSize());
+    }
+  }
+};
+
+}  // namespace
+
+void* SimPages::Map(std::size_t size) {
+  const SimInside inside;
+  Pages& pages = GetPages();
+  const std::size_t count = size / kPageBytes;
+  // One page stays out of use behind each stretch.
+  if (!Reserve(&pages) || count + 1 > kPagesOfWorld - pages.used) return nullptr;
+  unsigned char* const memory = pages.base + pages.used * kPageBytes;
+  SimUnpoison(memory, size);
+  std::memset(memory, kUnwritten, size);
+  if (SimWorld* const world = SimWorld::Current()) {
+    world->Record(SimEvent::kPagesMapped, pages.used, count);
+  }
+  pages.used += count + 1;
+  return memory;
+}
+
+void SimPages::Unmap(void* address, std::size_t size) {
+  const SimInside inside;
+  Pages& pages = GetPages();
+  const auto first =
+      static_cast<std::size_t>(static_cast<unsigned char*>(address) - pages.base) / kPageBytes;
+  for (std::size_t k = 0; k < size / kPageBytes; ++k) pages.givenBack.set(first + k);
+  std::memset(address, kUnwritten, size);
+  SimPoison(address, size);
+  if (SimWorld* const world = SimWorld::Current()) {
+    world->Record(SimEvent::kPagesUnmapped, first, size / kPageBytes);
+  }
+}
+
+bool SimPages::WereGivenBack(const void* address, std::size_t size) {
+  const Pages& pages = GetPages();
+  const auto* const place = static_cast<const unsigned char*>(address);
+  if (!pages.base || place < pages.base || place >= pages.base + kPagesOfWorld * kPageBytes) {
+    return false;
+  }
+  const std::size_t first = static_cast<std::size_t>(place - pages.base) / kPageBytes;
+  const std::size_t last = (static_cast<std::size_t>(place - pages.base) + size - 1) / kPageBytes;
+  for (std::size_t k = first; k <= last && k < kPagesOfWorld; ++k) {
+    if (pages.givenBack.test(k)) return true;
+  }
+  return false;
+}
+
+void SimPages::Reset() {
+  Pages& pages = GetPages();
+  for (std::size_t k = 0; k < pages.used; ++k) pages.givenBack.reset(k);
+  pages.used = 0;
+}
+
+Buffer* PhysMemInterfaceImpSim::Allocate(std::uint64_t size) {
+  SimWorld* const world = SimWorld::Current();
+  if (world) {
+    const SimInside inside;
+    world->Step(SimEvent::kAllocation, 0, size);
+    if (world->DrawFault(world->Setup().faults.failPages)) return nullptr;
+  }
+  if (size == 0 || size > kPagesOfWorld * SimPages::kPageBytes) return nullptr;
+  const std::uint64_t rounded =
+      (size + SimPages::kPageBytes - 1) / SimPages::kPageBytes * SimPages::kPageBytes;
+  PhysMemBufferSim* buffer = nullptr;
+  try {
+    buffer = new PhysMemBufferSim;
+  } catch (...) {
+    return nullptr;
+  }
+  if (buffer->Map(rounded)) return buffer;
+  buffer->DecRef("source/OSServices/Sim/PhysMemInterfaceImpSim",
+                 "Orvane::PhysMemInterfaceImpSim::Allocate", __LINE__);
+  return nullptr;
+}
+
+std::uint64_t PhysMemInterfaceImpSim::GetPageSize() {
+  return SimPages::kPageBytes;
+}
+
+}  // namespace Orvane

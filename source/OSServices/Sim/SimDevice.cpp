@@ -1,0 +1,246 @@
+#include "OSServices/Sim/SimDevice.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "OSServices/Sim/AsyncPortSim.h"
+#include "OSServices/Sim/SimPages.h"
+#include "OSServices/Sim/SimWorld.h"
+
+namespace Orvane {
+namespace {
+
+// What an unbuffered transfer is made of.
+constexpr std::uint64_t kSector = 512;
+// How long a transfer that hangs takes at most before it fails.
+constexpr std::uint64_t kLongMicros = 200000;
+
+SimFile* FileOf(const AsyncPort::Transfer& transfer) {
+  return static_cast<HostFileSim*>(transfer.file)->GetFile();
+}
+
+bool IsBuffered(const AsyncPort::Transfer& transfer) {
+  return !transfer.file->IsUnbuffered();
+}
+
+}  // namespace
+
+void SimDevice::Create(const std::string& name, std::vector<unsigned char> content) {
+  std::shared_ptr<SimFile>& file = files_[name];
+  if (!file) file = std::make_shared<SimFile>();
+  file->bytes = std::move(content);
+}
+
+std::shared_ptr<SimFile> SimDevice::Find(const std::string& name) const {
+  const auto found = files_.find(name);
+  return found == files_.end() ? nullptr : found->second;
+}
+
+bool SimDevice::Delete(const std::string& name) {
+  return files_.erase(name) != 0;
+}
+
+void SimDevice::Start(AsyncPortSim* port, const AsyncPort::Transfer& asked) {
+  auto transfer = std::make_unique<Transfer>();
+  transfer->port = port;
+  transfer->asked = asked;
+  transfer->runs.assign(asked.runs, asked.runs + asked.runCount);
+  transfer->length = 0;
+  for (const MemoryRun& run : transfer->runs) transfer->length += run.length;
+  SimRandom& random = world_->DeviceRandom();
+  const std::uint64_t latency = latency_ == 0 ? 0 : random.Below(latency_ + 1);
+  transfer->readyAt = world_->Now() + (random.OneIn(3) ? 0 : latency);
+  if (world_->DrawFault(world_->Setup().faults.hang)) {
+    transfer->cancelled = true;
+    transfer->readyAt = world_->Now() + random.Below(kLongMicros);
+  }
+  transfers_.push_back(std::move(transfer));
+}
+
+// It may be too late, and it may take its time.
+void SimDevice::GiveUp(std::uint32_t slot, std::uint32_t generation) {
+  for (const auto& transfer : transfers_) {
+    if (transfer->asked.slot != slot || transfer->asked.generation != generation) continue;
+    if (transfer->settled) return;
+    SimRandom& random = world_->DeviceRandom();
+    const SimFile* const file = FileOf(transfer->asked);
+    transfer->cancelled = transfer->cancelled || (file && file->hanging) || !random.OneIn(4);
+    if (random.OneIn(2)) transfer->readyAt = world_->Now();
+    if (random.OneIn(4)) transfer->readyAt = world_->Now() + random.Below(20000);
+  }
+}
+
+bool SimDevice::IsReady(const Transfer& transfer) const {
+  if (transfer.settled || transfer.readyAt > world_->Now()) return false;
+  const SimFile* const file = FileOf(transfer.asked);
+  return transfer.cancelled || !(file && file->hanging);
+}
+
+bool SimDevice::HasReadyTransfer() const {
+  return std::any_of(transfers_.begin(), transfers_.end(),
+                     [this](const auto& transfer) { return IsReady(*transfer); });
+}
+
+std::uint64_t SimDevice::GetNextReadyTime() const {
+  std::uint64_t next = kSimNever;
+  for (const auto& transfer : transfers_) {
+    const SimFile* const file = FileOf(transfer->asked);
+    const bool hangs = file && file->hanging;
+    if (!transfer->settled && (transfer->cancelled || !hangs)) {
+      next = std::min(next, transfer->readyAt);
+    }
+  }
+  return next;
+}
+
+void SimDevice::CompleteOne() {
+  std::size_t ready = 0;
+  for (const auto& transfer : transfers_) ready += IsReady(*transfer) ? 1U : 0U;
+  std::uint64_t chosen = world_->DeviceRandom().Below(ready);
+  for (const auto& transfer : transfers_) {
+    if (!IsReady(*transfer) || chosen-- != 0) continue;
+    Settle(transfer.get());
+    world_->Record(SimEvent::kTransferDone, transfer->asked.slot,
+                   transfer->outcome == AsyncPort::Outcome::kMoved ? transfer->bytes : 0);
+    return;
+  }
+}
+
+void SimDevice::Settle(Transfer* transfer) {
+  transfer->settled = true;
+  SimFile* const file = FileOf(transfer->asked);
+  const bool failed = !file || world_->DrawFault(world_->Setup().faults.failTransfer);
+  const std::uint64_t offset = transfer->asked.offset;
+  if (!failed && !IsBuffered(transfer->asked) &&
+      (offset % kSector != 0 || transfer->length % kSector != 0)) {
+    transfer->outcome = AsyncPort::Outcome::kRefused;
+    return;
+  }
+  if (!file) return;
+  if (transfer->asked.write) {
+    SettleWrite(transfer, *file);
+  } else {
+    SettleRead(transfer, *file);
+  }
+  if (!failed && !transfer->cancelled) return;
+  // What was moved before it went wrong stays moved.
+  transfer->outcome = AsyncPort::Outcome::kFailed;
+  transfer->bytes = 0;
+}
+
+void SimDevice::SettleRead(Transfer* transfer, const SimFile& file) {
+  const std::uint64_t offset = transfer->asked.offset;
+  const std::uint64_t size = file.bytes.size();
+  if (offset >= size) {
+    transfer->outcome = world_->DeviceRandom().OneIn(2) ? AsyncPort::Outcome::kEndOfFile
+                                                        : AsyncPort::Outcome::kMoved;
+    return;
+  }
+  std::uint64_t bytes = std::min(transfer->length, size - offset);
+  if (world_->DrawFault(world_->Setup().faults.shortTransfer)) {
+    bytes = Shorten(bytes, IsBuffered(transfer->asked));
+  }
+  transfer->outcome = AsyncPort::Outcome::kMoved;
+  transfer->bytes = bytes;
+  transfer->snapshot.assign(file.bytes.begin() + static_cast<std::ptrdiff_t>(offset),
+                            file.bytes.begin() + static_cast<std::ptrdiff_t>(offset + bytes));
+  MoveIntoMemory(*transfer, world_->DeviceRandom().Below(bytes + 1));
+}
+
+void SimDevice::SettleWrite(Transfer* transfer, const SimFile& file) {
+  std::uint64_t bytes = transfer->length;
+  const std::uint64_t end = transfer->asked.offset + bytes;
+  const std::uint64_t growth = end > file.bytes.size() ? end - file.bytes.size() : 0;
+  const std::uint64_t used = GetUsedBytes();
+  if (growth > capacity_ - std::min(used, capacity_)) {
+    transfer->outcome = AsyncPort::Outcome::kFailed;
+    return;
+  }
+  if (world_->DrawFault(world_->Setup().faults.shortTransfer)) {
+    bytes = Shorten(bytes, IsBuffered(transfer->asked));
+  }
+  transfer->outcome = AsyncPort::Outcome::kMoved;
+  transfer->bytes = bytes;
+  transfer->stored = bytes;
+  if (world_->DrawFault(world_->Setup().faults.loseWrite)) {
+    transfer->stored = 0;
+    ++lostWrites_;
+  }
+  MoveOutOfMemory(*transfer, world_->DeviceRandom().Below(transfer->stored + 1));
+}
+
+std::uint64_t SimDevice::Shorten(std::uint64_t length, bool buffered) {
+  const std::uint64_t unit = buffered ? 1 : kSector;
+  if (length <= unit) return length;
+  return unit * (1 + world_->DeviceRandom().Below((length - 1) / unit));
+}
+
+bool SimDevice::HasSettled(const AsyncPortSim* port) const {
+  return std::any_of(transfers_.begin(), transfers_.end(), [port](const auto& transfer) {
+    return transfer->settled && transfer->port == port;
+  });
+}
+
+AsyncPort::Completion SimDevice::Collect(const AsyncPortSim* port) {
+  std::vector<std::size_t> settled;
+  for (std::size_t k = 0; k < transfers_.size(); ++k) {
+    if (transfers_[k]->settled && transfers_[k]->port == port) settled.push_back(k);
+  }
+  const std::size_t chosen = settled[world_->DeviceRandom().Below(settled.size())];
+  const std::unique_ptr<Transfer> transfer = std::move(transfers_[chosen]);
+  transfers_.erase(transfers_.begin() + static_cast<std::ptrdiff_t>(chosen));
+  CheckMemory(*transfer);
+  if (transfer->asked.write) {
+    MoveOutOfMemory(*transfer, transfer->stored);
+  } else {
+    MoveIntoMemory(*transfer, transfer->snapshot.size());
+  }
+  return {transfer->asked.slot, transfer->asked.generation, transfer->outcome, transfer->bytes};
+}
+
+void SimDevice::EndHanging() {
+  for (const auto& [name, file] : files_) file->hanging = false;
+}
+
+void SimDevice::MoveIntoMemory(const Transfer& transfer, std::uint64_t bytes) {
+  CheckMemory(transfer);
+  const unsigned char* from = transfer.snapshot.data();
+  for (const MemoryRun& run : transfer.runs) {
+    const std::uint64_t length = std::min<std::uint64_t>(run.length, bytes);
+    std::memcpy(run.address, from, length);
+    from += length;
+    bytes -= length;
+  }
+}
+
+void SimDevice::MoveOutOfMemory(const Transfer& transfer, std::uint64_t bytes) {
+  CheckMemory(transfer);
+  SimFile* const file = FileOf(transfer.asked);
+  if (!file || bytes == 0) return;
+  const std::uint64_t end = transfer.asked.offset + bytes;
+  if (file->bytes.size() < end) file->bytes.resize(end);
+  unsigned char* to = file->bytes.data() + transfer.asked.offset;
+  for (const MemoryRun& run : transfer.runs) {
+    const std::uint64_t length = std::min<std::uint64_t>(run.length, bytes);
+    std::memcpy(to, run.address, length);
+    to += length;
+    bytes -= length;
+  }
+}
+
+std::uint64_t SimDevice::GetUsedBytes() const {
+  std::uint64_t used = 0;
+  for (const auto& [name, file] : files_) used += file->bytes.size();
+  return used;
+}
+
+void SimDevice::CheckMemory(const Transfer& transfer) const {
+  for (const MemoryRun& run : transfer.runs) {
+    if (SimPages::WereGivenBack(run.address, run.length)) {
+      world_->Fail("the device moves the bytes of slot " + std::to_string(transfer.asked.slot) +
+                   " although their memory was given back");
+    }
+  }
+}
+
+}  // namespace Orvane

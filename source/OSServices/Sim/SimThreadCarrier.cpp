@@ -1,0 +1,105 @@
+// Each thread of a world on a thread of the host.
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "OSServices/Sim/SimCarrier.h"
+#include "OSServices/Sim/SimSanitizers.h"
+
+namespace Orvane {
+namespace {
+
+#if defined(ORVANE_SIM_TSAN)
+// Control changes hands unseen; the simulated primitives say what is ordered.
+constexpr std::memory_order kTake = std::memory_order_relaxed;
+constexpr std::memory_order kGive = std::memory_order_relaxed;
+#else
+constexpr std::memory_order kTake = std::memory_order_acquire;
+constexpr std::memory_order kGive = std::memory_order_release;
+#endif
+
+// Waits for control.
+class Gate {
+ public:
+  void Give() {
+    asm volatile("" ::: "memory");
+    open_.store(1, kGive);
+    syscall(SYS_futex, &open_, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+  }
+  void Take() {
+    while (open_.load(kTake) == 0) {
+      syscall(SYS_futex, &open_, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
+    }
+    open_.store(0, std::memory_order_relaxed);
+    asm volatile("" ::: "memory");
+  }
+
+ private:
+  std::atomic<std::uint32_t> open_{0};
+};
+
+// A thread of the host, kept for the next thread of a world when it has ended one.
+struct Runner {
+  Gate gate;
+  SimThread* thread = nullptr;
+};
+
+class ThreadCarrier : public SimCarrier {
+ public:
+  explicit ThreadCarrier(Entry entry) : entry_(entry) {}
+  void Prepare(SimThread* thread) override;
+  void Switch(SimThread* from, SimThread* to) override;
+  void Abandon(SimThread* thread) override { thread->context = nullptr; }
+
+ private:
+  void RunnerMain(Runner* runner);
+  static Runner* RunnerOf(SimThread* thread) { return static_cast<Runner*>(thread->context); }
+
+  const Entry entry_;
+  Gate root_;
+  std::vector<Runner*> idle_;
+};
+
+void ThreadCarrier::Prepare(SimThread* thread) {
+  if (!idle_.empty()) {
+    thread->context = idle_.back();
+    idle_.pop_back();
+    RunnerOf(thread)->thread = thread;
+    return;
+  }
+  auto* const runner = new Runner;
+  runner->thread = thread;
+  thread->context = runner;
+  // Never joined: it waits for its next thread until the process ends.
+  std::thread([this, runner] { RunnerMain(runner); }).detach();
+}
+
+void ThreadCarrier::RunnerMain(Runner* runner) {
+  SimIgnoreBegin();
+  for (;;) {
+    runner->gate.Take();
+    SimIgnoreEnd();
+    entry_(runner->thread);
+    SimIgnoreBegin();
+  }
+}
+
+void ThreadCarrier::Switch(SimThread* from, SimThread* to) {
+  const bool ends = from && from->finished;
+  if (ends) idle_.push_back(RunnerOf(from));
+  Gate& mine = from ? RunnerOf(from)->gate : root_;
+  (to ? RunnerOf(to)->gate : root_).Give();
+  if (!ends) mine.Take();
+}
+
+}  // namespace
+
+std::unique_ptr<SimCarrier> NewSimThreadCarrier(SimCarrier::Entry entry) {
+  return std::make_unique<ThreadCarrier>(entry);
+}
+
+}  // namespace Orvane

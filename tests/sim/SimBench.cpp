@@ -1,0 +1,265 @@
+#include "SimBench.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+namespace Orvane {
+namespace {
+
+using Exempt = SimulatorAllocations::Exempt;
+
+constexpr const char* kFile = "tests/sim/SimBench";
+
+}  // namespace
+
+SimSource::SimSource(SimBench* bench, SimFileModel* file, Cache* cache)
+    : bench_(bench), file_(file), cache_(cache) {}
+
+SimRequest& SimSource::Make(bool isWrite, std::uint64_t offset, std::uint64_t size,
+                            SimRequestForm form, bool wait) {
+  SimRequest* request = nullptr;
+  {
+    const Exempt exempt;
+    bench_->requests_.push_back(
+        std::unique_ptr<SimRequest>(new SimRequest(this, isWrite, offset, size, std::move(form))));
+    request = bench_->requests_.back().get();
+  }
+  if (wait) {
+    request->RunSynchronously();
+  } else {
+    request->Start();
+  }
+  return *request;
+}
+
+SimRequest& SimSource::Read(std::uint64_t offset, std::uint64_t size, SimRequestForm form) {
+  return Make(false, offset, size, std::move(form), false);
+}
+
+SimRequest& SimSource::Write(std::uint64_t offset, std::uint64_t size, SimRequestForm form) {
+  return Make(true, offset, size, std::move(form), false);
+}
+
+SimRequest& SimSource::ReadNow(std::uint64_t offset, std::uint64_t size, SimRequestForm form) {
+  return Make(false, offset, size, std::move(form), true);
+}
+
+SimRequest& SimSource::WriteNow(std::uint64_t offset, std::uint64_t size, SimRequestForm form) {
+  return Make(true, offset, size, std::move(form), true);
+}
+
+void SimSource::PreRead(std::uint64_t offset, std::uint64_t size, std::uint32_t dueTime) {
+  {
+    const Exempt exempt;
+    preReads_.push_back(Simulator::GetTimeMicro());
+  }
+  source_->PreRead(offset, size, dueTime, MTThread::kPriorityNormal);
+}
+
+void SimSource::Cancel() {
+  const std::size_t event = BeginEvent(true, false, 0, 0);
+  source_->Cancel();
+  EndEvent(event);
+}
+
+void SimSource::Purge() {
+  const std::size_t event = BeginEvent(true, false, 0, 0);
+  cache_->Purge(source_);
+  events_[event].forgetsBefore = events_[event].begin;
+  EndEvent(event);
+}
+
+void SimSource::Invalidate(std::uint64_t offset, std::uint64_t size) {
+  const std::size_t event = BeginEvent(false, false, offset, size);
+  cache_->Invalidate(source_, offset, size);
+  events_[event].forgetsBefore = events_[event].begin;
+  EndEvent(event);
+}
+
+bool SimSource::Close() {
+  const std::size_t event = BeginEvent(true, true, 0, 0);
+  isOpen_ = false;
+  const bool closed = source_->Close();
+  EndEvent(event);
+  return closed;
+}
+
+bool SimSource::Open(bool forRead, bool forWrite) {
+  const std::size_t event = BeginEvent(true, true, 0, 0);
+  bool opened = false;
+  try {
+    opened = source_->Open(forRead, forWrite, false);
+  } catch (const std::bad_alloc&) {
+    if (Simulator::GetFaults() == 0) Simulator::Fail("Open has thrown without a reason");
+  }
+  if (opened) {
+    isOpen_ = true;
+    forRead_ = forRead;
+    forWrite_ = forWrite;
+    if (cache_) events_[event].forgetsBefore = events_[event].begin;
+  }
+  EndEvent(event);
+  return opened;
+}
+
+void SimSource::Release() {
+  BeginEvent(true, true, 0, 0);
+  released_ = true;
+  source_->DecRef(kFile, "Orvane::SimSource::Release", __LINE__);
+}
+
+std::size_t SimSource::BeginEvent(bool everything, bool closes, std::uint64_t offset,
+                                  std::uint64_t size) {
+  const std::uint64_t block = cache_ ? cache_->GetBlockSize() : 0;
+  const Exempt exempt;
+  const std::uint64_t end = offset + size;
+  const std::uint64_t first = block == 0 ? offset : offset / block * block;
+  const std::uint64_t last = block == 0 ? end : (end + block - 1) / block * block;
+  events_.push_back(
+      {Simulator::GetStep(), kSimTimeOpen, everything, closes, first, last - first, 0});
+  return events_.size() - 1;
+}
+
+void SimSource::EndEvent(std::size_t event) {
+  events_[event].end = Simulator::GetStep();
+  // What was read before the end of a write is not shown by reads that begin after it.
+  const bool write = !events_[event].everything && events_[event].forgetsBefore == 0;
+  if (write) events_[event].forgetsBefore = events_[event].end;
+}
+
+bool SimSource::MayFailSince(SimTime begin, std::uint64_t offset, std::uint64_t size) const {
+  return std::any_of(events_.begin(), events_.end(), [&](const Event& event) {
+    if (event.end < begin) return false;
+    if (event.everything) return true;
+    return cache_ && event.offset < offset + size && offset < event.offset + event.size;
+  });
+}
+
+bool SimSource::MayBeRefusedSince(SimTime begin) const {
+  if (!isOpen_ || !forRead_ || !forWrite_) return true;
+  return std::any_of(events_.begin(), events_.end(),
+                     [&](const Event& event) { return event.closes && event.end >= begin; });
+}
+
+// An uncached read shows what is there while it goes on, a cached one also what was there since its
+// blocks were forgotten last.
+SimTime SimSource::ShowsFrom(SimTime begin, std::uint64_t offset, std::uint64_t size) const {
+  if (!cache_) return begin;
+  SimTime from = 0;
+  for (const Event& event : events_) {
+    const bool covers =
+        event.everything || (event.offset <= offset && event.offset + event.size >= offset + size);
+    if (covers && event.end <= begin) from = std::max(from, event.forgetsBefore);
+  }
+  return from;
+}
+
+SimBench::SimBench() {
+  SimMemory::Reset();
+  forbidsMemory_ = Simulator::Random(8) == 0;
+}
+
+SimBench::~SimBench() = default;
+
+SimFileModel& SimBench::NewFile(std::uint64_t bytes) {
+  const Exempt exempt;
+  const auto number = static_cast<std::uint32_t>(files_.size());
+  files_.push_back(std::make_unique<SimFileModel>("file" + std::to_string(number), number, bytes));
+  return *files_.back();
+}
+
+Cache* SimBench::NewCache(std::uint64_t blockBytes, std::size_t blocks) {
+  BufferFactory* factory = nullptr;
+  Cache* cache = nullptr;
+  try {
+    factory = new BufferFactoryPhysMem;
+    factory->Initialize(blockBytes, blocks, blocks, 0);
+    cache = new Cache(factory);
+  } catch (...) {
+    // Memory or threads are short.
+  }
+  if (factory) factory->DecRef(kFile, "Orvane::SimBench::NewCache", __LINE__);
+  if (!cache) {
+    if (Simulator::GetFaults() == 0) Simulator::Fail("a cache cannot be made");
+    throw SimSetupFailed();
+  }
+  const Exempt exempt;
+  caches_.push_back(cache);
+  return cache;
+}
+
+SimSource& SimBench::NewClosedSource(SimFileModel& file, Cache* cache) {
+  NativeFileSource* source = nullptr;
+  try {
+    source = NativeFileSysInterface::NewNativeFileSource(file.Name().c_str());
+  } catch (const std::bad_alloc&) {
+    if (Simulator::GetFaults() == 0) Simulator::Fail("a source cannot be made");
+    throw SimSetupFailed();
+  }
+  SimSource* made = nullptr;
+  {
+    const Exempt exempt;
+    sources_.push_back(std::unique_ptr<SimSource>(new SimSource(this, &file, cache)));
+    made = sources_.back().get();
+    made->source_ = source;
+  }
+  if (cache && !source->UseCache(cache)) Simulator::Fail("the source refuses its cache");
+  return *made;
+}
+
+SimSource& SimBench::NewSource(SimFileModel& file, Cache* cache) {
+  SimSource& source = NewClosedSource(file, cache);
+  if (!source.Open()) {
+    if (Simulator::GetFaults() == 0) Simulator::Fail("the source does not open");
+    throw SimSetupFailed();
+  }
+  return source;
+}
+
+void SimBench::ReleaseCache(Cache* cache) {
+  {
+    const Exempt exempt;
+    std::erase(caches_, cache);
+  }
+  cache->DecRef(kFile, "Orvane::SimBench::ReleaseCache", __LINE__);
+}
+
+void SimBench::Await(const SimRequest& request) {
+  Simulator::WaitUntil([&request] { return request.IsOver(); });
+}
+
+void SimBench::AwaitAll() {
+  Simulator::WaitUntil([this] { return CountOpen() == 0; });
+}
+
+std::size_t SimBench::CountOpen() const {
+  return static_cast<std::size_t>(std::count_if(
+      requests_.begin(), requests_.end(), [](const auto& request) { return !request->IsOver(); }));
+}
+
+void SimBench::Finish() {
+  Simulator::StopFaults();
+  AwaitAll();
+  Simulator::Settle();
+  if (Simulator::GetOpenRequests() != 0)
+    Simulator::Fail("slots are in use though nothing is asked");
+  for (const auto& file : files_) {
+    const Exempt exempt;
+    if (expectsErrors_ || Simulator::GetFaults() != 0) break;
+    const std::string wrong = file->CheckDisk();
+    if (!wrong.empty()) Simulator::Fail(wrong);
+  }
+  for (const auto& source : sources_) {
+    if (!source->IsReleased()) source->Release();
+  }
+  while (!caches_.empty()) ReleaseCache(caches_.back());
+  Simulator::Settle();
+  for (const auto& request : requests_) request->CheckAtEnd();
+  const Exempt exempt;
+  requests_.clear();
+  sources_.clear();
+  files_.clear();
+}
+
+}  // namespace Orvane

@@ -1,0 +1,414 @@
+// orvane_simulate: runs scenarios of the library under seeded schedules. See --help.
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "OrvaneSimulator.h"
+#include "OrvaneSimulatorNew.h"
+#include "Scenario.h"
+
+namespace Orvane {
+namespace {
+
+enum class Mode { kExplore, kTwice, kEachCall, kEachAllocation, kAll, kMinimise };
+
+struct Options {
+  std::vector<std::string> scenarios;
+  std::uint64_t seeds = 1000;
+  std::uint64_t firstSeed = 1;
+  std::uint64_t maxRuns = 3000000;
+  unsigned jobs = 0;
+  unsigned preemptions = 2;
+  Mode mode = Mode::kExplore;
+  SimulatedPolicy policy = SimulatedPolicy::kBySeed;
+  SimulatedCarrier carrier = SimulatedCarrier::kFibers;
+  std::string faults = "seed";
+  std::uint64_t failCall = 0;
+  std::uint64_t failAllocation = 0;
+  bool andAllLater = false;
+  bool noJumps = false;
+  bool trace = false;
+  bool list = false;
+  bool lockOrder = false;
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> switches;
+};
+
+// Of one process that runs scenarios; shared with the one that watches it.
+struct Progress {
+  std::atomic<std::uint64_t> runs;
+  std::atomic<std::uint64_t> steps;
+  std::atomic<std::uint64_t> faults;
+  std::atomic<std::uint64_t> failures;
+  std::atomic<std::uint64_t> seed;
+  std::atomic<std::uint64_t> scenario;
+  std::atomic<std::uint64_t> failCall;
+};
+
+// A mixture: most worlds work, some fail now and then in one respect, some in all.
+SimulatedFaults FaultsOfSeed(std::uint64_t seed) {
+  SimulatedFaults faults;
+  const unsigned chance = std::array<unsigned, 4>{5, 20, 80, 300}[seed / 16 % 4];
+  switch (seed % 16) {
+    case 1:
+      faults.failIssue = chance;
+      break;
+    case 3:
+      faults.failTransfer = chance;
+      break;
+    case 5:
+      faults.shortTransfer = 400;
+      break;
+    case 7:
+      faults.hang = chance;
+      break;
+    case 9:
+      faults.failPrimitive = faults.failThread = faults.failPages = chance / 5 + 1;
+      break;
+    case 11:
+      faults.failAllocation = chance / 5 + 1;
+      break;
+    case 13:
+      faults.failIssue = faults.failTransfer = faults.hang = faults.failOpen = chance / 2;
+      faults.shortTransfer = 100;
+      break;
+    default:
+      break;
+  }
+  return faults;
+}
+
+class Session {
+ public:
+  Session(const Options& options, std::vector<const Scenario*> scenarios)
+      : options_(options), scenarios_(std::move(scenarios)) {}
+  int Run();
+
+ private:
+  unsigned Jobs() const;
+  void RunJob(unsigned job, unsigned jobs, Progress* progress);
+  void RunOne(const Scenario& scenario, std::uint64_t seed, Progress* progress);
+  void EachCall(const Scenario& scenario, std::uint64_t seed, bool allocations, Progress* progress);
+  SimulationSetup SetupFor(const Scenario& scenario, std::uint64_t seed) const;
+  SimulationResult Check(const Scenario& scenario, const SimulationSetup& setup,
+                         Progress* progress);
+  void Report(const Scenario& scenario, const SimulationSetup& setup,
+              const SimulationResult& result, Progress* progress);
+  bool Watch(std::vector<pid_t> children, Progress* progress);
+  void PrintTotals(const Progress* progress, unsigned jobs, double seconds) const;
+
+  const Options options_;
+  const std::vector<const Scenario*> scenarios_;
+};
+
+std::string CommandFor(const Scenario& scenario, const SimulationSetup& setup) {
+  std::string text = "scripts/simulate --scenario " + std::string(scenario.name) + " --seed " +
+                     std::to_string(setup.seed) + " --seeds 1";
+  if (setup.faults.failCall != 0) {
+    text += " --fail-call " + std::to_string(setup.faults.failCall);
+  }
+  if (setup.faults.failAllocationCall != 0) {
+    text += " --fail-allocation " + std::to_string(setup.faults.failAllocationCall);
+  }
+  if (setup.faults.andAllLater) text += " --and-all-later";
+  if (!setup.timeJumps) text += " --no-time-jumps";
+  for (const auto& [step, thread] : setup.switches) {
+    text += " --switch " + std::to_string(step) + ":" + std::to_string(thread);
+  }
+  return text;
+}
+
+SimulationSetup Session::SetupFor(const Scenario& scenario, std::uint64_t seed) const {
+  SimulationSetup setup;
+  setup.seed = seed;
+  setup.policy = options_.switches.empty() ? options_.policy : SimulatedPolicy::kReplay;
+  setup.switches = options_.switches;
+  setup.carrier = options_.carrier;
+  setup.printTrace = options_.trace;
+  setup.timeJumps = !options_.noJumps;
+  setup.allocationsAreSteps = seed % 4 == 0;
+  if (options_.faults == "seed" && scenario.takesFaults) setup.faults = FaultsOfSeed(seed);
+  if (options_.failCall != 0 || options_.failAllocation != 0) setup.faults = SimulatedFaults();
+  setup.faults.failCall = options_.failCall;
+  setup.faults.failAllocationCall = options_.failAllocation;
+  setup.faults.andAllLater = options_.andAllLater;
+  return setup;
+}
+
+SimulationResult Session::Check(const Scenario& scenario, const SimulationSetup& setup,
+                                Progress* progress) {
+  progress->seed = setup.seed;
+  progress->failCall = std::max(setup.faults.failCall, setup.faults.failAllocationCall);
+  const SimulationResult result = Simulator::Run(setup, [&] { RunScenario(scenario); });
+  ++progress->runs;
+  progress->steps += result.steps;
+  progress->faults += result.faults;
+  if (!result.ok) Report(scenario, setup, result, progress);
+  return result;
+}
+
+void Session::Report(const Scenario& scenario, const SimulationSetup& setup,
+                     const SimulationResult& result, Progress* progress) {
+  if (++progress->failures > 5) return;
+  std::printf("FAILED %s: %srepeat with: %s\n\n", scenario.name, result.report.c_str(),
+              CommandFor(scenario, setup).c_str());
+  std::fflush(stdout);
+}
+
+// Every call of the host, or every allocation, fails once, then with all that follow.
+void Session::EachCall(const Scenario& scenario, std::uint64_t seed, bool allocations,
+                       Progress* progress) {
+  for (const bool andAllLater : {false, true}) {
+    for (std::uint64_t call = 1;; ++call) {
+      SimulationSetup setup = SetupFor(scenario, seed);
+      setup.faults = SimulatedFaults();
+      (allocations ? setup.faults.failAllocationCall : setup.faults.failCall) = call;
+      setup.faults.andAllLater = andAllLater;
+      const SimulationResult result = Check(scenario, setup, progress);
+      if (!result.ok) return;
+      if (result.faults == 0) break;
+    }
+  }
+}
+
+void Session::RunOne(const Scenario& scenario, std::uint64_t seed, Progress* progress) {
+  const SimulationSetup setup = SetupFor(scenario, seed);
+  switch (options_.mode) {
+    case Mode::kExplore:
+      Check(scenario, setup, progress);
+      return;
+    case Mode::kTwice: {
+      const SimulationResult first = Check(scenario, setup, progress);
+      SimulationResult second = Check(scenario, setup, progress);
+      if (first.traceHash == second.traceHash && first.steps == second.steps) return;
+      second.report = "two runs of a seed differ\n";
+      Report(scenario, setup, second, progress);
+      return;
+    }
+    case Mode::kEachCall:
+    case Mode::kEachAllocation:
+      if (!scenario.takesFaults) return;
+      EachCall(scenario, seed, options_.mode == Mode::kEachAllocation, progress);
+      return;
+    case Mode::kAll: {
+      if (!scenario.isSmall) return;
+      SimulationSetup plain = setup;
+      plain.faults = SimulatedFaults();
+      plain.allocationsAreSteps = false;
+      progress->seed = seed;
+      const SimulationResult result = Simulator::ExploreAll(
+          plain, options_.preemptions, options_.maxRuns, [&] { RunScenario(scenario); });
+      progress->runs += result.runs;
+      const bool complete = result.runs < options_.maxRuns;
+      std::printf("%-40s %10llu schedules%s\n", scenario.name,
+                  static_cast<unsigned long long>(result.runs),
+                  complete ? "" : ", not all of them");
+      std::fflush(stdout);
+      if (!result.ok) Report(scenario, plain, result, progress);
+      return;
+    }
+    case Mode::kMinimise: {
+      const SimulationResult result = Simulator::Minimise(setup, [&] { RunScenario(scenario); });
+      ++progress->runs;
+      if (result.ok) return;
+      SimulationSetup replay = setup;
+      replay.switches = result.switches;
+      Report(scenario, replay, result, progress);
+      return;
+    }
+  }
+}
+
+void Session::RunJob(unsigned job, unsigned jobs, Progress* progress) {
+  Simulator::Install();
+  const std::uint64_t all = options_.seeds * scenarios_.size();
+  for (std::uint64_t k = job; k < all; k += jobs) {
+    const std::size_t index = k % scenarios_.size();
+    progress->scenario = index;
+    RunOne(*scenarios_[index], options_.firstSeed + k / scenarios_.size(), progress);
+  }
+  if (options_.lockOrder) std::fputs(Simulator::GetLockOrder().c_str(), stdout);
+}
+
+unsigned Session::Jobs() const {
+  if (options_.lockOrder || options_.trace || options_.mode == Mode::kMinimise) return 1;
+  if (options_.jobs != 0) return options_.jobs;
+  return static_cast<unsigned>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)));
+}
+
+// A world that goes wrong may end its process, or keep it for ever.
+bool Session::Watch(std::vector<pid_t> children, Progress* progress) {
+  constexpr int kHangSeconds = 180;
+  bool good = true;
+  std::vector<std::uint64_t> seen(children.size());
+  std::vector<int> idle(children.size());
+  for (std::size_t left = children.size(); left > 0; usleep(20000)) {
+    for (std::size_t k = 0; k < children.size(); ++k) {
+      if (children[k] == 0) continue;
+      int status = 0;
+      const bool ended = waitpid(children[k], &status, WNOHANG) == children[k];
+      const std::uint64_t now = progress[k].runs + progress[k].steps;
+      idle[k] = now == seen[k] ? idle[k] + 1 : 0;
+      seen[k] = now;
+      const bool hangs =
+          !ended && options_.mode != Mode::kAll && idle[k] * 20 > kHangSeconds * 1000;
+      if (hangs) kill(children[k], SIGKILL);
+      if (!ended) continue;
+      children[k] = 0;
+      --left;
+      if (WIFEXITED(status) && WEXITSTATUS(status) == 0) continue;
+      good = false;
+      SimulationSetup setup;
+      setup.seed = progress[k].seed;
+      (options_.mode == Mode::kEachAllocation ? setup.faults.failAllocationCall
+                                              : setup.faults.failCall) = progress[k].failCall;
+      ++progress[k].failures;
+      std::printf("FAILED: the process ended (status %d) in %s\n", status,
+                  CommandFor(*scenarios_[progress[k].scenario], setup).c_str());
+    }
+  }
+  return good;
+}
+
+void Session::PrintTotals(const Progress* progress, unsigned jobs, double seconds) const {
+  std::uint64_t runs = 0;
+  std::uint64_t steps = 0;
+  std::uint64_t faults = 0;
+  std::uint64_t failures = 0;
+  for (unsigned k = 0; k < jobs; ++k) {
+    runs += progress[k].runs;
+    steps += progress[k].steps;
+    faults += progress[k].faults;
+    failures += progress[k].failures;
+  }
+  std::printf("%zu scenarios, %llu schedules, %llu steps, %llu faults, %.0f s, %.0f schedules/s\n",
+              scenarios_.size(), static_cast<unsigned long long>(runs),
+              static_cast<unsigned long long>(steps), static_cast<unsigned long long>(faults),
+              seconds, static_cast<double>(runs) / std::max(seconds, 0.001));
+  std::printf("%llu passed, %llu failed\n",
+              static_cast<unsigned long long>(runs - std::min(runs, failures)),
+              static_cast<unsigned long long>(failures));
+}
+
+int Session::Run() {
+  const unsigned jobs = Jobs();
+  auto* const progress = static_cast<Progress*>(mmap(
+      nullptr, sizeof(Progress) * jobs, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  if (progress == MAP_FAILED) return 2;
+  const auto start = std::chrono::steady_clock::now();
+  std::fflush(stdout);
+  bool good = true;
+  if (jobs == 1) {
+    RunJob(0, 1, progress);
+  } else {
+    std::vector<pid_t> children;
+    for (unsigned job = 0; job < jobs; ++job) {
+      const pid_t child = fork();
+      if (child == 0) {
+        RunJob(job, jobs, &progress[job]);
+        std::fflush(stdout);
+        _exit(0);
+      }
+      children.push_back(child);
+    }
+    good = Watch(std::move(children), progress);
+  }
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  PrintTotals(progress, jobs, took.count());
+  for (unsigned k = 0; k < jobs; ++k) good = good && progress[k].failures == 0;
+  return good ? 0 : 1;
+}
+
+std::vector<const Scenario*> Choose(const Options& options) {
+  if (options.scenarios.empty()) return Scenario::All();
+  std::vector<const Scenario*> chosen;
+  for (const std::string& name : options.scenarios) {
+    const Scenario* const scenario = Scenario::Find(name);
+    if (!scenario) throw CLI::ValidationError("there is no scenario " + name);
+    chosen.push_back(scenario);
+  }
+  return chosen;
+}
+
+void AddOptions(CLI::App* app, Options* options) {
+  app->add_flag("--list", options->list, "List the scenarios");
+  app->add_option("--scenario", options->scenarios, "Which ones; all without it")->delimiter(',');
+  app->add_option("--seeds", options->seeds, "Seeds per scenario (1000)");
+  app->add_option("--seed", options->firstSeed, "The first seed (1)");
+  app->add_option("--jobs", options->jobs, "Processes; one per processor without it");
+  const std::map<std::string, Mode> modes{
+      {"explore", Mode::kExplore},    {"twice", Mode::kTwice},
+      {"each-call", Mode::kEachCall}, {"each-allocation", Mode::kEachAllocation},
+      {"all-schedules", Mode::kAll},  {"minimise", Mode::kMinimise}};
+  app->add_option("--mode", options->mode,
+                  "explore; twice: every seed two times, with equal traces; each-call, "
+                  "each-allocation: fail each in turn, alone and with all later ones; "
+                  "all-schedules: of the small scenarios; minimise: the fewest switches of "
+                  "threads with which a seed still fails")
+      ->transform(CLI::CheckedTransformer(modes));
+  const std::map<std::string, SimulatedPolicy> policies{
+      {"by-seed", SimulatedPolicy::kBySeed},
+      {"random", SimulatedPolicy::kRandom},
+      {"lazy", SimulatedPolicy::kLazy},
+      {"pct", SimulatedPolicy::kPCT},
+      {"starvation", SimulatedPolicy::kStarvation},
+      {"priorities", SimulatedPolicy::kPriorities}};
+  app->add_option("--policy", options->policy, "Who runs next")
+      ->transform(CLI::CheckedTransformer(policies));
+  const std::map<std::string, SimulatedCarrier> carriers{{"fibers", SimulatedCarrier::kFibers},
+                                                         {"threads", SimulatedCarrier::kThreads}};
+  app->add_option("--carrier", options->carrier, "fibers, or threads of the host")
+      ->transform(CLI::CheckedTransformer(carriers));
+  app->add_option("--faults", options->faults, "seed, or none")
+      ->check(CLI::IsMember({"seed", "none"}));
+  app->add_option("--fail-call", options->failCall, "The call of the host that fails");
+  app->add_option("--fail-allocation", options->failAllocation, "The allocation that fails");
+  app->add_flag("--and-all-later", options->andAllLater, "With all that follow");
+  app->add_flag("--no-time-jumps", options->noJumps, "Time moves only when nobody can go on");
+  app->add_option("--preemptions", options->preemptions, "For all-schedules (2)");
+  app->add_option("--max-runs", options->maxRuns, "For all-schedules, per scenario");
+  app->add_flag("--trace", options->trace, "Print every step to standard error");
+  app->add_flag("--lock-order", options->lockOrder, "Print which locks were entered inside which");
+}
+
+}  // namespace
+}  // namespace Orvane
+
+int main(int argc, char** argv) {
+  Orvane::Options options;
+  CLI::App app("Runs the library under a seeded scheduler, clock, memory and device.");
+  Orvane::AddOptions(&app, &options);
+  std::vector<std::string> switches;
+  app.add_option("--switch", switches, "STEP:THREAD, as printed by --mode minimise");
+  std::vector<const Orvane::Scenario*> scenarios;
+  try {
+    app.parse(argc, argv);
+    for (const std::string& text : switches) {
+      const std::size_t colon = text.find(':');
+      if (colon == std::string::npos) throw CLI::ValidationError("--switch is STEP:THREAD");
+      options.switches.emplace_back(std::stoull(text),
+                                    static_cast<std::uint32_t>(std::stoul(text.substr(colon + 1))));
+    }
+    scenarios = Orvane::Choose(options);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error);
+  }
+  if (options.list) {
+    for (const Orvane::Scenario* const scenario : scenarios) {
+      std::printf("%-40s %s%s\n", scenario->name, scenario->isSmall ? "(small) " : "",
+                  scenario->about);
+    }
+    return 0;
+  }
+  return Orvane::Session(options, std::move(scenarios)).Run();
+}
