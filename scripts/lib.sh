@@ -38,6 +38,16 @@ need_tests() {
   need_command fusermount3 fuse3
 }
 
+need_coverage() {
+  need_tests
+  need_command clang++ clang
+  wanted+=("llvm llvm-cov-and-llvm-profdata llvm")
+  wanted+=("profiling profiling-library-of-clang libclang-rt-dev")
+}
+
+# The program of LLVM that goes with the clang++ in use.
+llvm_program() { clang++ -print-prog-name="$1" 2>/dev/null; }
+
 has_cmake() {
   local version
   version=$(cmake --version 2>/dev/null | awk 'NR == 1 { print $3 }')
@@ -49,6 +59,11 @@ has_need() { # kind name
     command) command -v "$2" >/dev/null ;;
     module) command -v pkg-config >/dev/null && pkg-config --exists "$2" ;;
     cmake) has_cmake ;;
+    llvm) command -v "$(llvm_program llvm-cov)" "$(llvm_program llvm-profdata)" >/dev/null ;;
+    profiling)
+      [ -e "$(clang++ -print-file-name="libclang_rt.profile-$(uname -m).a" 2>/dev/null)" ] ||
+        [ -e "$(clang++ -print-file-name=libclang_rt.profile.a 2>/dev/null)" ]
+      ;;
     compiler) command -v c++ >/dev/null || command -v g++ >/dev/null || command -v clang++ >/dev/null ;;
   esac
 }

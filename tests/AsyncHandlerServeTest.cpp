@@ -73,5 +73,37 @@ TEST_F(AsyncHandlerServeTest, AReportOfACancelMayWaitForTheSameCancel) {
   EXPECT_EQ(std::vector<RequestReport>(std::begin(expected), std::end(expected)), log_.All());
 }
 
+TEST_F(AsyncHandlerServeTest, AStaleCompletionDoesNotEndTheCancel) {
+  host_.SetOnCancel(OnCancel::kStaysInFlight);
+  Signal entered;
+  Signal cancelled;
+  std::unique_ptr<Background> cancel;
+  AutoRelease<BufferList> first(NewPageList());
+  AutoRelease<BufferList> second(NewPageList());
+  ReportLog others;
+  AutoRelease<TestCallback> awaited(new TestCallback(&others));
+  AutoRelease<TestCallback> waits(new TestCallback(&log_, [&](const RequestReport&) {
+    entered.Raise();
+    EXPECT_TRUE(cancelled.Wait());
+    ServeUntilDone(cancel.get());
+  }));
+  ASSERT_EQ(kPending, Read(other_, first, awaited));
+  ASSERT_EQ(kPending, Read(file_, second, waits));
+  ASSERT_TRUE(host_.WaitForIssued(2));
+  host_.Complete(1);
+  ASSERT_TRUE(entered.Wait());
+  cancel = std::make_unique<Background>([this] { handler_->Cancel(other_); });
+  cancelled.Raise();
+  ASSERT_TRUE(host_.WaitForCancels(1));
+  const FakeHost::Issued issued = host_.GetIssued(0);
+  host_.Push({issued.slot, issued.generation + 1, Outcome::kMoved, PageSize()});
+  EXPECT_FALSE(cancel->IsDone());
+  host_.Complete(0, Outcome::kFailed);
+  ASSERT_TRUE(served_.Wait());
+  ASSERT_TRUE(others.WaitFor(1));
+  const RequestReport expected{kCancelled, 0, first, 0};
+  EXPECT_EQ(std::vector<RequestReport>{expected}, others.All());
+}
+
 }  // namespace
 }  // namespace Orvane

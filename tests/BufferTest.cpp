@@ -241,5 +241,18 @@ TEST_F(BufferTest, LockAutoWithoutALockDoesNothingAtItsEnd) {
   EXPECT_EQ(1, buffer_->GetRefCount());
 }
 
+TEST_F(BufferTest, CopiesFewerBytesThanAnotherBufferHas) {
+  EXPECT_EQ(Buffer::kBufferOK, buffer_->CopyFromOtherBuffer(other_, 3, 40, 8, &moved_));
+  EXPECT_EQ(3u, moved_);
+  EXPECT_EQ(0, std::memcmp(buffer_->bytes + 8, other_->bytes, 3));
+  EXPECT_EQ(11, buffer_->bytes[11]);
+}
+
+TEST_F(BufferTest, NobodyNeedAskHowMuchWasMoved) {
+  EXPECT_EQ(Buffer::kBufferOK, buffer_->CopyOutOf(plain_, 4, 20, nullptr));
+  EXPECT_EQ(0, std::memcmp(plain_, buffer_->bytes + 20, 4));
+  EXPECT_EQ(Buffer::kBufferOutOfRange, buffer_->CopyOutOf(plain_, 1, 64, nullptr));
+}
+
 }  // namespace
 }  // namespace Orvane

@@ -777,5 +777,48 @@ TEST_F(CacheBlockListGrowthTest, ShortBlocksComeAndGoAtOnce) {
   EXPECT_TRUE(GrowsLinearly(work, kMost));
 }
 
+// All others may use the list meanwhile.
+TEST_F(CacheBlockListGrowthTest, ASearchThatHasManyBlocksToPlaceAnewFindsTheOldestOne) {
+  constexpr std::size_t kCount = 400;
+  MakeLongList(kCount);
+  MemorySource* const source = MakeSource(MemorySource::Pattern(kCount * kLongBlock));
+  for (std::size_t k = 0; k < kCount; ++k) ASSERT_NE(nullptr, Fill(source, k * kLongBlock));
+  CacheBlock* oldest = nullptr;
+  // Used in another order than they were filled in.
+  for (std::size_t k = kCount; k > 0; --k) {
+    TestMTInterface::Get().ShiftClock(1000);
+    CacheBlockList::ResidentPiece piece{};
+    ASSERT_EQ(1u, list_->LockResident(source->GetSourceKey(), (k - 1) * kLongBlock, 1, &piece, 1));
+    piece.block->Unlock(CacheSource::kDueASAP);
+    if (!oldest) oldest = piece.block;
+  }
+  EXPECT_EQ(oldest, TakeOldest(other_, 0));
+}
+
+// A long transaction comes back for what is far behind: what it misses in front is read first.
+TEST_F(CacheBlockListGrowthTest, AHitFarBehindWhatIsMissingIsLeftForLater) {
+  constexpr std::uint64_t kFar = 400 * kLongBlock;
+  MakeLongList(8);
+  MemorySource* const source = MakeSource(MemorySource::Pattern(kFar + kLongBlock));
+  CacheBlock* const block = Fill(source, kFar);
+  ASSERT_NE(nullptr, block);
+  Reader far(source, 0, kFar + kLongBlock);
+  EXPECT_EQ(nullptr, Attach(far));
+  EXPECT_EQ(0u, block->GetNumberOfPendingTransactions());
+  Reader near(source, kFar / 2, kFar / 2 + kLongBlock);
+  EXPECT_EQ(block, Attach(near));
+  block->CancelPendingTransactions(nullptr);
+}
+
+TEST_F(CacheBlockListGrowthTest, InvalidationOfNothingForgetsNothing) {
+  MakeLongList(2);
+  MemorySource* const source = MakeSource(MemorySource::Pattern(kLongBlock));
+  ASSERT_NE(nullptr, Fill(source, 0));
+  list_->InvalidateRange(source, 5, 0);
+  EXPECT_TRUE(list_->HoldsResident(source->GetSourceKey(), 0, kLongBlock));
+  list_->InvalidateRange(source, 5, 1);
+  EXPECT_FALSE(list_->HoldsResident(source->GetSourceKey(), 0, 1));
+}
+
 }  // namespace
 }  // namespace Orvane

@@ -15,6 +15,7 @@
 #include "Cache/CacheReaper.h"
 #include "CacheTestTools.h"
 #include "MTInterface.h"
+#include "OSServices/LibraryThread.h"
 
 namespace Orvane {
 namespace {
@@ -399,6 +400,23 @@ TEST_F(CacheLastReferenceTest, WhileTheHelperThreadIsStopped) {
     request.GetReport();
     ASSERT_TRUE(Eventually([this] { return factory_->GetNumberOfBuffersInUse() == 0; })) << k;
   }
+}
+
+TEST_F(CacheLastReferenceTest, WithoutAThreadToDestroyItACacheGoesWithTheNextStop) {
+  TestMTInterface& mt = TestMTInterface::Get();
+  CacheReaper::Stop();
+  auto* const cache = new Cache(factory_);
+  mt.TakeDebugText();
+  {
+    const LibraryThreadMark mark;
+    mt.FailCreation(1, TestMTInterface::kThrow);
+    Release(cache);
+    EXPECT_TRUE(mt.StopFailing());
+  }
+  EXPECT_EQ("No Thread To Destroy A Cache\n", mt.TakeDebugText());
+  EXPECT_EQ(kBlocks, factory_->GetNumberOfBuffersInUse());
+  CacheReaper::Stop();
+  EXPECT_EQ(0u, factory_->GetNumberOfBuffersInUse());
 }
 
 TEST_F(CacheLastReferenceTest, SourceReadsEndWhileTheirCacheGoes) {

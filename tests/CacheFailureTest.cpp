@@ -12,6 +12,7 @@
 #include "Cache/CacheReaper.h"
 #include "CacheTestTools.h"
 #include "MTInterface.h"
+#include "OSServices/LibraryThread.h"
 
 namespace Orvane {
 namespace {
@@ -368,6 +369,81 @@ TEST_F(CacheFailureTest, ASourceThatThrowsFailsItsReadsAndTheCacheGoesOn) {
   EXPECT_EQ(contents_, Read(source, 0, contents_.size()));
   // No section was left held.
   std::thread([&] { cache_->Purge(source); }).join();
+}
+
+// Memory that runs out inside the constructor may cost the cache blocks or a thread.
+TEST_F(CacheFailureTest, ACacheWithoutOneOfItsThreadsRefusesReads) {
+  std::size_t refusals = 0;
+  for (std::size_t ordinal = 1; ordinal < 120; ++ordinal) {
+    SCOPED_TRACE(ordinal);
+    AutoRelease<BufferFactoryHeap> factory(NewHeapFactory(3, kBlock));
+    try {
+      const AllocationFailure failure(ordinal);
+      MakeCacheOver(factory);
+    } catch (const std::bad_alloc&) {
+      cache_ = nullptr;
+      continue;
+    }
+    MemorySource* const source = MakeSource(contents_);
+    Report report{};
+    const std::string bytes = Read(source, 0, contents_.size(), &report);
+    const bool reads = report.result != CacheSource::kResultNotSupported;
+    if (!reads) ++refusals;
+    EXPECT_EQ(reads ? contents_ : std::string(), bytes);
+    // Without a thread there is nothing that a pre-read could wait for either.
+    source->PreRead(0, kBlock, CacheSource::kDueASAP, MTThread::kPriorityNormal);
+    source->Cancel();
+    ReleaseSources();
+    ReleaseCache();
+  }
+  EXPECT_LE(3u, refusals) << "one for each thread";
+}
+
+// Runs a hook on the threads of the cache whenever they ask for its key.
+class KeyedSource : public MemorySource {
+ public:
+  KeyedSource(const std::string& contents, std::function<void()> onKey)
+      : MemorySource(contents), onKey_(std::move(onKey)) {}
+  std::uint32_t GetSourceKey() override {
+    if (LibraryThreadMark::IsSetOnThisThread()) onKey_();
+    return MemorySource::GetSourceKey();
+  }
+
+ protected:
+  ~KeyedSource() override = default;
+
+ private:
+  const std::function<void()> onKey_;
+};
+
+// The queue of copies grows with its first one, and pre-reads need none.
+TEST_F(CacheFailureTest, AHitWhoseCopyFindsNoMemoryIsReported) {
+  for (std::size_t ordinal = 1; ordinal < 6; ++ordinal) {
+    SCOPED_TRACE(ordinal);
+    MakeCache(4);
+    std::atomic<bool> armed{false};
+    const AutoRelease<KeyedSource> source(new KeyedSource(contents_, [&armed, ordinal] {
+      if (armed.exchange(false)) FailLater(ordinal);
+    }));
+    source->UseCache(cache_);
+    source->PreRead(0, kBlock, CacheSource::kDueASAP, MTThread::kPriorityNormal);
+    ASSERT_TRUE(Eventually([&] { return source->GetRequests().size() == 1; }));
+    ASSERT_TRUE(Eventually([&] { return source->GetRefCount() == 1; }));
+    AsyncRequest request(100);
+    armed = true;
+    ASSERT_EQ(CacheSource::kResultPending, request.Read(source, 5));
+    const Report report = request.GetReport();
+    EXPECT_FALSE(armed);
+    if (report.result == CacheSource::kResultOK) {
+      EXPECT_EQ(contents_.substr(5, 100), request.GetBytes(100));
+    } else {
+      EXPECT_TRUE(report.result == CacheSource::kResultFailed ||
+                  report.result == CacheSource::kResultError)
+          << report.result;
+      EXPECT_EQ(0u, report.bytes);
+    }
+    EXPECT_EQ(contents_.substr(0, kBlock), Read(source, 0, kBlock));
+  }
 }
 
 }  // namespace

@@ -372,5 +372,18 @@ TEST_F(CachePreReadTest, MemoryShortageLosesPreReadsAndNothingElse) {
   }
 }
 
+TEST_F(CachePreReadTest, ASourceThatDoesNotPreReadByItselfIsNotAskedTo) {
+  MakeCache(2);
+  MemorySource* const source = MakeSource(MemorySource::Pattern(kBlock));
+  TransactionRequest request(100);
+  ASSERT_TRUE(request.Setup(source, 7));
+  request.GetTransaction()->PreReadDirect();
+  EXPECT_TRUE(source->GetPreReads().empty());
+  source->SetSupportsPreReads(true);
+  request.GetTransaction()->PreReadDirect();
+  const std::vector<MemorySource::Request> expected = {{false, 7, 100, 0}};
+  EXPECT_EQ(expected, source->GetPreReads());
+}
+
 }  // namespace
 }  // namespace Orvane

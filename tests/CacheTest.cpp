@@ -790,5 +790,17 @@ TEST_F(CacheTest, AReportWaitsForTheEndOfACopyThatIsUnderWay) {
   source->CompleteAll();
 }
 
+TEST_F(CacheTest, AListThatGrewPastTheTopOfTheNumbersIsRefused) {
+  MakeCache(2);
+  MemorySource* const source = MakeSource(contents_);
+  TransactionRequest request(100);
+  ASSERT_TRUE(request.Setup(source, kTop - 200));
+  AutoRelease<HeapBuffer> more(new HeapBuffer(101));
+  ASSERT_TRUE(request.GetTarget().GetList()->AddBuffer(more, /*adoptReference=*/false));
+  EXPECT_EQ(CacheSource::kResultNotSupported, cache_->Read(request.GetTransaction()));
+  EXPECT_FALSE(request.IsReported());
+  EXPECT_TRUE(request.GetTransaction()->Cleanup());
+}
+
 }  // namespace
 }  // namespace Orvane

@@ -391,5 +391,41 @@ TEST_F(DispatchedReadTest, AppendingWithoutMemoryChangesNothing) {
   EXPECT_LT(0u, refusals);
 }
 
+TEST_F(DispatchedReadTest, TheLastBlockOfAllIsReadByItselfAndNothingFollowsIt) {
+  constexpr std::uint64_t kLast = ~std::uint64_t{0} - (kBlock - 1);
+  const auto fillLast = [this] {
+    CacheBlock* const block = FillBuffer(factory_->GetBufferFromFactory(), kLast - kBlock, true);
+    return block;
+  };
+  CacheBlock* const before = fillLast();
+  Buffer* const buffer = factory_->GetBufferFromFactory();
+  places_.push_back({std::make_unique<CacheBlock>(nullptr, nullptr, buffer), buffer, true});
+  CacheBlock* const last = places_.back().block.get();
+  requests_.push_back(std::make_unique<TransactionRequest>(10));
+  ASSERT_TRUE(requests_.back()->Setup(source_, kLast + 5));
+  ASSERT_TRUE(last->LockForReadInto(requests_.back()->GetTransaction()));
+  ASSERT_EQ(kLast, last->GetSourceOffset());
+
+  DispatchedReadCallback* const batch = NewBatch();
+  EXPECT_TRUE(batch->Append(before));
+  EXPECT_FALSE(batch->Append(last));
+  DispatchedReadCallback* const alone = NewBatch();
+  EXPECT_TRUE(alone->Append(last));
+  EXPECT_FALSE(alone->Append(Fill(0))) << "the end of all is not the beginning";
+  ReleaseBatch(batch);
+  ReleaseBatch(alone);
+}
+
+TEST_F(DispatchedReadTest, OfATransactionThatIsOverTheSourceHearsNothing) {
+  TransactionRequest request(kBlock);
+  ASSERT_TRUE(request.Setup(source_, 0));
+  auto* const command = new DispatchedReadCommand(nullptr, request.GetTransaction());
+  request.GetTransaction()->SetResult(CacheSource::kResultFailed);
+  EXPECT_TRUE(command->Execute());
+  EXPECT_TRUE(source_->GetRequests().empty());
+  command->Finish(/*cancelled=*/false);
+  EXPECT_EQ(1u, request.GetReports().size());
+}
+
 }  // namespace
 }  // namespace Orvane

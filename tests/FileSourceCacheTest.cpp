@@ -913,5 +913,80 @@ TEST_F(FileSourceCacheTest, ReleasedRightBehindTheStartAReadStillEnds) {
   }
 }
 
+TEST_F(FileSourceResidentReadTest, MoreBlocksThanAreHeldAtOnceAreAHitToo) {
+  constexpr std::size_t kSmall = 64;
+  constexpr std::size_t kCount = 40;
+  MakeCache(kCount, kSmall);
+  const std::string contents = MemorySource::Pattern(kCount * kSmall, 3);
+  MemorySource* const source = MakeSource(contents);
+  Read(source, 0, contents.size());
+  source->ClearRequests();
+  EXPECT_EQ(contents.substr(5), Read(source, 5, contents.size() - 5));
+  EXPECT_TRUE(source->GetRequests().empty());
+  // One that is missing far behind sends all of it the usual way.
+  cache_->Invalidate(source, 35 * kSmall, 1);
+  EXPECT_EQ(contents, Read(source, 0, contents.size()));
+  const std::vector<MemorySource::Request> expected = {{false, 35 * kSmall, kSmall, 0}};
+  EXPECT_EQ(expected, source->GetRequests());
+}
+
+// Memory that takes nothing.
+class DeafBuffer : public HeapBuffer {
+ public:
+  explicit DeafBuffer(BufferResult_t answer) : HeapBuffer(100), answer_(answer) {}
+  BufferResult_t CopyInto(void*, std::size_t, std::size_t, std::size_t* moved) override {
+    if (moved) *moved = 0;
+    return answer_;
+  }
+
+ protected:
+  ~DeafBuffer() override = default;
+
+ private:
+  const BufferResult_t answer_;
+};
+
+TEST_F(FileSourceResidentReadTest, MemoryThatTakesNothingFailsTheReadAndTheBlockStays) {
+  Bring(0, kSize);
+  for (const Buffer::BufferResult_t answer : {Buffer::kBufferLockFailed, Buffer::kBufferOK}) {
+    const AutoRelease<DeafBuffer> deaf(new DeafBuffer(answer));
+    EXPECT_EQ(kError, source_->Read(10, deaf, nullptr));
+    ASSERT_TRUE(Eventually([&] { return deaf->GetRefCount() == 1; }));
+    EXPECT_EQ(contents_.substr(10, 100), Read(source_, 10, 100));
+  }
+  EXPECT_TRUE(source_->GetRequests().empty()) << "the block was let go of and kept";
+}
+
+TEST_F(FileSourceCacheTest, AWriteWithoutACallbackForgetsTheOldBytes) {
+  MakeCache(4);
+  MemorySource* const source = MakeSource(MemorySource::Pattern(kBlock));
+  Read(source, 0, kBlock);
+  Target target(10);
+  Fill(&target, "0123456789");
+  ASSERT_EQ(kPending, StartWrite(source, 100, &target, nullptr));
+  EXPECT_EQ("0123456789", Read(source, 100, 10));
+  EXPECT_TRUE(Eventually([&] { return source->GetRefCount() == 1; }));
+  EXPECT_TRUE(Eventually([&] { return target.GetList()->GetRefCount() == 1; }));
+}
+
+TEST_F(FileSourceCacheTest, AWriteThatThrowsLeavesNothingAndForgetsWhatWasReadMeanwhile) {
+  MakeCache(4);
+  MemorySource* const source = MakeSource(MemorySource::Pattern(kBlock));
+  Target target(10);
+  const AutoRelease<Reports> reports(new Reports);
+  source->OnStart([&](const MemorySource::Request& request) {
+    if (!request.isWrite) return;
+    OnAnotherThread([&] { Read(source, 0, kBlock); });
+    throw 1;
+  });
+  EXPECT_THROW(StartWrite(source, 100, &target, reports), int);
+  source->OnStart(nullptr);
+  ExpectUntouched(&target, reports);
+  EXPECT_TRUE(Eventually([&] { return source->GetRefCount() == 1; }));
+  source->ClearRequests();
+  Read(source, 0, 10);
+  EXPECT_EQ(1u, source->GetRequests().size());
+}
+
 }  // namespace
 }  // namespace Orvane

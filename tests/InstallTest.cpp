@@ -399,6 +399,21 @@ TEST(InstallTest, SourcesAlignToThePageSizeOfTheirTime) {
   }
 }
 
+TEST(InstallTest, PagesAreCountedAlsoWhenTheirSizeIsNoPowerOfTwo) {
+  InChild([] {
+    OSServices::InitWithExtensions(nullptr, new ChangedMemory(1000), new NoFiles);
+    const auto pagesOf = [](std::uintptr_t address, std::uint64_t size) {
+      return PhysMemInterface::GetNumberOfValidPagesForBuffer(reinterpret_cast<void*>(address),
+                                                              size);
+    };
+    EXPECT_EQ(3U, pagesOf(7000, 3000));
+    EXPECT_EQ(0U, pagesOf(7000, 3001));
+    EXPECT_EQ(0U, pagesOf(7001, 3000));
+    EXPECT_EQ(0U, pagesOf(0, 3000));
+    EXPECT_EQ(0U, pagesOf(7000, 0));
+  });
+}
+
 // The file system of the host.
 
 using Engine = NativeFileSysInterfaceImpHost::Engine;

@@ -38,6 +38,18 @@ class PlacedBuffer : public HostBuffer {
   int unlockCalls = 0;
 };
 
+// A buffer whose size is another one from the n-th look on.
+class FickleBuffer : public PlacedBuffer {
+ public:
+  FickleBuffer(std::uint64_t address, std::size_t size, int looks, std::size_t later)
+      : PlacedBuffer(address, size), looks_(looks), later_(later) {}
+  std::size_t GetSize() override { return looks_-- > 0 ? PlacedBuffer::GetSize() : later_; }
+
+ private:
+  int looks_;
+  const std::size_t later_;
+};
+
 class ScatterGatherManagerTest : public OrvaneTest {
  protected:
   const std::uint64_t page_ = PhysMemInterface::GetPageSize();
@@ -353,6 +365,39 @@ TEST_F(ScatterGatherManagerTest, ProgressOverManyRunsIsLinear) {
     for (std::uint64_t i = 2 * count; i > 0; --i) manager.SetProgress(i * page_ / 2);
   };
   EXPECT_TRUE(GrowsLinearly(work, 100000));
+}
+
+TEST_F(ScatterGatherManagerTest, BufferThatDoesNotLockForALookIsRefused) {
+  PlacedBuffer* const buffer = Add(10, 1);
+  buffer->virtualAddress = reinterpret_cast<void*>(Page(30));
+  buffer->refuseLock = true;
+  EXPECT_FALSE(manager_.StartUsingBufferList(list_));
+  EXPECT_EQ(1, list_->GetRefCount());
+  EXPECT_EQ(nullptr, manager_.GetSegmentArray(&bytes_));
+}
+
+// Whenever it changes, the list is described as it is or refused as a whole.
+TEST_F(ScatterGatherManagerTest, BufferThatChangesItsSizeMeanwhileIsRefused) {
+  const auto page = static_cast<std::size_t>(page_);
+  for (const std::size_t later : {std::size_t{0}, page + 1, 64 * page}) {
+    int refused = 0;
+    for (int looks = 2; looks < 8; ++looks) {
+      AutoRelease<FickleBuffer> buffer(new FickleBuffer(Page(10), page, looks, later));
+      AutoRelease<BufferList> list(new BufferList(buffer, /*adoptReference=*/false, 1));
+      ScatterGatherManager manager;
+      if (manager.StartUsingBufferList(list)) {
+        EXPECT_NE(nullptr, manager.GetSegmentArray(&bytes_));
+        EXPECT_EQ(0u, bytes_ % page_);
+        EXPECT_TRUE(manager.StopUsingBufferList());
+      } else {
+        ++refused;
+        EXPECT_EQ(nullptr, manager.GetSegmentArray(&bytes_));
+      }
+      EXPECT_EQ(1, list->GetRefCount());
+      EXPECT_EQ(Buffer::kBufferUnlocked, buffer->GetLockState());
+    }
+    EXPECT_LE(1, refused) << later;
+  }
 }
 
 }  // namespace

@@ -18,16 +18,13 @@ void BatchRegistry::Add(DispatchedReadCallback* batch) {
   batch->next_ = first_;
   if (first_) first_->previous_ = batch;
   first_ = batch;
-  batch->isRegistered_ = true;
 }
 
 void BatchRegistry::Remove(DispatchedReadCallback* batch) {
   CritSecLock lock(lock_.get());
-  if (!batch->isRegistered_) return;
   (batch->previous_ ? batch->previous_->next_ : first_) = batch->next_;
   if (batch->next_) batch->next_->previous_ = batch->previous_;
   batch->previous_ = batch->next_ = nullptr;
-  batch->isRegistered_ = false;
 }
 
 void BatchRegistry::OrphanAll() {

@@ -14,6 +14,7 @@ class BatchRegistry {
   BatchRegistry();
 
   void Add(DispatchedReadCallback* batch);
+  // REQUIRES: it was added, and not removed yet.
   void Remove(DispatchedReadCallback* batch);
   // Orphans every batch.
   void OrphanAll();

@@ -18,7 +18,6 @@ class CopyOutOfBlockFinder : public SortedObjectFinder {
     if (block->LockForCopyOutOf(transaction_, &alreadyServed_)) block_ = block;
     return block_ != nullptr;
   }
-  CacheBlock* GetBlock() const { return block_; }
   bool IsAlreadyServed() const { return alreadyServed_; }
 
  private:

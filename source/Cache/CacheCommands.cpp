@@ -88,9 +88,7 @@ DispatchedCopyCommand::DispatchedCopyCommand(Cache* cache, CacheTransaction* tra
     : DispatchedCopyCommand(transaction->GetDueTime(), cache, transaction->GetSource(), nullptr) {}
 
 bool DispatchedCopyCommand::Execute() {
-  bool becameFree = false;
-  block_->ProcessPendingTransactions(&becameFree);
-  if (becameFree && cache_) cache_->NotifySomethingChanged();
+  block_->ProcessPendingTransactions(nullptr);
   return true;
 }
 

@@ -11,7 +11,6 @@ class CacheTransaction;
 // Holds a reference on its transaction, and knows whether it was loaded anew since.
 class TransactionCommand : public CacheCommand {
  public:
-  void Finish(bool) override {}
   CacheTransaction* GetTransaction() const { return transaction_; }
   std::uint32_t GetGeneration() const { return generation_; }
 

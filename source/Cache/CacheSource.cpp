@@ -19,7 +19,7 @@ CacheSource::CacheSource()
       alignment_(PhysMemInterface::GetPageSize()) {}
 
 CacheSource::~CacheSource() {
-  if (transactionList_) transactionList_->DecRef(kFile, "Orvane::CacheSource::~CacheSource", 29);
+  transactionList_->DecRef(kFile, "Orvane::CacheSource::~CacheSource", 29);
   if (cache_) cache_->DecRef(kFile, "Orvane::CacheSource::~CacheSource", 30);
 }
 

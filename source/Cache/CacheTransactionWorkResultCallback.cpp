@@ -11,7 +11,6 @@ CacheTransactionWorkResultCallback::CacheTransactionWorkResultCallback(
 
 void CacheTransactionWorkResultCallback::OnWorkResult(WorkCode code, WorkTracker*,
                                                       std::uint64_t bytesDone) {
-  if (!transaction_) return;
   MTAtomicPointer* const cacheInUseBy = transaction_->cacheInUseBy_;
   if (void* const cache = cacheInUseBy->Get()) cacheInUseBy->CompareAndSwap(cache, nullptr);
   CacheTransaction::StatusCallback* const callback = transaction_->statusCallback_;

@@ -32,9 +32,7 @@ DispatchedReadCallback::DispatchedReadCallback(const BatchContext& context, Cach
 }
 
 DispatchedReadCallback::~DispatchedReadCallback() {
-  constexpr const char* kFunction = "Orvane::DispatchedReadCallback::~DispatchedReadCallback";
-  if (transaction_) transaction_->DecRef(kFile, kFunction, __LINE__);
-  list_->DecRef(kFile, kFunction, __LINE__);
+  list_->DecRef(kFile, "Orvane::DispatchedReadCallback::~DispatchedReadCallback", __LINE__);
 }
 
 bool DispatchedReadCallback::Append(CacheBlock* block) {

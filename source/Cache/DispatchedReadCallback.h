@@ -85,7 +85,6 @@ class DispatchedReadCallback : public CacheTransaction::StatusCallback {
   // The registry's.
   DispatchedReadCallback* previous_ = nullptr;
   DispatchedReadCallback* next_ = nullptr;
-  bool isRegistered_ = false;
 };
 
 }  // namespace Orvane

@@ -73,7 +73,6 @@ void ResultCallbackWrapper::FinishReport() {
 }
 
 CacheSource::Result_t ResultCallbackWrapper::Wait(std::uint64_t* bytes) {
-  if (!semaphore_) return CacheSource::kResultError;
   if (!semaphore_->Wait(kWithoutLimit, 1)) {
     while (GetResult() == CacheSource::kResultPending) MTInterface::Sleep(1);
   }

@@ -27,8 +27,8 @@ class ResultCallbackWrapper : public FileSource::ResultCallbackBufferList, priva
   // On the thread that completes the request.
   void Callback(CacheSource::Result_t result, std::uint64_t offset, BufferList* list,
                 std::uint64_t bytes) override;
-  // Blocks until the completion, gives back the list, drops the wrapper. kResultError without a
-  // semaphore.
+  // Blocks until the completion, gives back the list, drops the wrapper.
+  // REQUIRES: HasSemaphore().
   CacheSource::Result_t Wait(std::uint64_t* bytes);
 
  protected:
