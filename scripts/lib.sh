@@ -36,6 +36,7 @@ need_tests() {
   need_module gtest libgtest-dev
   need_module fuse3 libfuse3-dev
   need_command fusermount3 fuse3
+  need_command patch patch
 }
 
 need_coverage() {

@@ -129,6 +129,26 @@ TEST_F(MTThreadTest, TerminateAfterTheBodyReturnedAnswersAtOnce) {
   EXPECT_TRUE(thread->Terminate(0));
 }
 
+// Goes with its thread, and takes its time.
+struct LastStep {
+  ~LastStep() {
+    std::this_thread::sleep_for(std::chrono::milliseconds{50});
+    if (taken) *taken = true;
+  }
+  std::atomic<bool>* taken = nullptr;
+};
+
+TEST_F(MTThreadTest, ATerminatedThreadHasTakenItsLastStep) {
+  std::atomic<bool> taken{false};
+  CommandedBody body([&](MTThread*) {
+    thread_local LastStep lastStep;
+    lastStep.taken = &taken;
+  });
+  const std::unique_ptr<MTThread> thread = Start(&body);
+  EXPECT_TRUE(thread->Terminate(kForEver));
+  EXPECT_TRUE(taken);
+}
+
 TEST_F(MTThreadTest, SeveralTerminatesAtOnceAllEnd) {
   constexpr int kRounds = 200;
   constexpr int kCallers = 3;

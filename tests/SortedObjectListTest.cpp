@@ -596,6 +596,7 @@ TEST_F(SortedObjectListTest, AddThatFindsNoMemoryChangesNothing) {
     const AllocationFailure failure(1);
     EXPECT_THROW(list_.AddObject(&two_), std::bad_alloc);
   }
+  EXPECT_EQ(2U, list_.GetCount());
   EXPECT_TRUE(CanBeAddedElsewhere(&two_));
   EXPECT_EQ((Items{&one_, &three_}), Seen(&list_));
   Finder adder([&](SortedObject*) {

@@ -4,6 +4,8 @@
 #include <new>
 #include <utility>
 
+#include "MTHooks.h"
+
 namespace Orvane {
 namespace {
 
@@ -21,27 +23,39 @@ class LiveMark {
 
 class CountedCritSec : public MTCritSec {
  public:
-  CountedCritSec(MTCritSec* inner, std::atomic<long>* count) : inner_(inner), mark_(count) {}
+  CountedCritSec(MTCritSec* inner, LockClass lockClass, std::atomic<long>* count)
+      : inner_(inner), lockClass_(lockClass), mark_(count) {}
   // Forwarders: the caller's section is this object, not the one inside.
   void Enter() override ORVANE_NO_THREAD_SAFETY_ANALYSIS { inner_->Enter(); }
-  void Leave() override ORVANE_NO_THREAD_SAFETY_ANALYSIS { inner_->Leave(); }
+  void Leave() override ORVANE_NO_THREAD_SAFETY_ANALYSIS {
+    const LockClass lockClass = lockClass_;
+    inner_->Leave();
+    MTHooks::Left(lockClass);
+  }
 
  private:
   const std::unique_ptr<MTCritSec> inner_;
+  const LockClass lockClass_;
   const LiveMark mark_;
 };
 
 class CountedSemaphore : public MTSemaphore {
  public:
   CountedSemaphore(MTSemaphore* inner, std::atomic<long>* count)
-      : MTSemaphore(0, 0), inner_(inner), mark_(count) {}
-  bool Release(std::uint32_t count) override { return inner_->Release(count); }
+      : MTSemaphore(0, 0), inner_(inner), waitsLong_(MTHooks::LongWaits::IsOn()), mark_(count) {}
+  bool Release(std::uint32_t count) override {
+    const bool released = inner_->Release(count);
+    MTHooks::Released();
+    return released;
+  }
   bool Wait(std::uint32_t timeoutMs, std::uint32_t count) override {
-    return inner_->Wait(timeoutMs, count);
+    if (MTHooks::TakeFailure()) return false;
+    return inner_->Wait(waitsLong_ ? MTHooks::WaitTime(timeoutMs) : timeoutMs, count);
   }
 
  private:
   const std::unique_ptr<MTSemaphore> inner_;
+  const bool waitsLong_;
   const LiveMark mark_;
 };
 
@@ -53,7 +67,9 @@ class CountedAtomic : public Base {
   Value Increment() override { return inner_->Increment(); }
   Value Decrement() override { return inner_->Decrement(); }
   bool CompareAndSwap(Value expected, Value desired) override {
-    return inner_->CompareAndSwap(expected, desired);
+    const bool swapped = inner_->CompareAndSwap(expected, desired);
+    if (swapped) MTHooks::Swapped();
+    return swapped;
   }
 
  private:
@@ -107,7 +123,8 @@ void TestMTInterface::StartNextAtomicAt(std::uint32_t initial) {
 
 MTCritSec* TestMTInterface::NewCritSec() {
   if (!MayCreate(/*isAtomic=*/false)) return nullptr;
-  return new CountedCritSec(OrderCheckingMTInterface::NewCritSec(), &critSecs_);
+  return new CountedCritSec(OrderCheckingMTInterface::NewCritSec(), GetLockClassBeingMade(),
+                            &critSecs_);
 }
 
 MTSemaphore* TestMTInterface::NewSemaphore(std::uint32_t maxCount, std::uint32_t initialCount) {
