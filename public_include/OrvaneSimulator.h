@@ -78,7 +78,9 @@ struct SimulationSetup {
   // can.
   std::vector<std::pair<std::uint64_t, std::uint32_t>> switches;
   bool recordSwitches = false;  // for SimulationResult::switches
-  bool printTrace = false;      // every step, to standard error
+  // What Simulator::Random answers first, one each: for fuzzers.
+  std::vector<std::uint8_t> firstRandoms;
+  bool printTrace = false;  // every step, to standard error
 };
 
 struct SimulationResult {

@@ -1,6 +1,7 @@
 #include "Scenario.h"
 
 #include <algorithm>
+#include <array>
 #include <string>
 
 #include "SimBench.h"
@@ -38,6 +39,38 @@ const Scenario* Scenario::Find(std::string_view name) {
     if (scenario->name == name) return scenario;
   }
   return nullptr;
+}
+
+SimulatedFaults FaultsOfSeed(std::uint64_t seed) {
+  SimulatedFaults faults;
+  const unsigned chance = std::array<unsigned, 4>{5, 20, 80, 300}[seed / 16 % 4];
+  switch (seed % 16) {
+    case 1:
+      faults.failIssue = chance;
+      break;
+    case 3:
+      faults.failTransfer = chance;
+      break;
+    case 5:
+      faults.shortTransfer = 400;
+      break;
+    case 7:
+      faults.hang = chance;
+      break;
+    case 9:
+      faults.failPrimitive = faults.failThread = faults.failPages = chance / 5 + 1;
+      break;
+    case 11:
+      faults.failAllocation = chance / 5 + 1;
+      break;
+    case 13:
+      faults.failIssue = faults.failTransfer = faults.hang = faults.failOpen = chance / 2;
+      faults.shortTransfer = 100;
+      break;
+    default:
+      break;
+  }
+  return faults;
 }
 
 void RunScenario(const Scenario& scenario) {

@@ -1,8 +1,11 @@
 // The scenarios of the simulator, by name.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 #include <vector>
+
+#include "OrvaneSimulator.h"
 
 namespace Orvane {
 
@@ -22,6 +25,9 @@ struct Scenario {
   Scenario(const char* name, const char* about, void (*run)(SimBench& bench), bool isSmall,
            bool takesFaults);
 };
+
+// A mixture: most worlds work, some fail now and then in one respect, some in all.
+SimulatedFaults FaultsOfSeed(std::uint64_t seed);
 
 // Runs it and checks everything at its end. It ends early where the host did not let it begin.
 void RunScenario(const Scenario& scenario);

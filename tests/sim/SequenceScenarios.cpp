@@ -145,7 +145,7 @@ ORVANE_SCENARIO(AnySequence, "Any operations in any order, from three threads an
   }();
   sequence->bench = &bench;
   SimFileModel& first = bench.NewFile(kFileBytes);
-  SimFileModel& second = bench.NewFile(kFileBytes - 100);
+  SimFileModel& second = bench.NewFile(kFileBytes - 104);
   Cache* const small = bench.NewCache(kPage, 3);
   sequence->places[0].source = &bench.NewSource(first);
   sequence->places[1].source = &bench.NewSource(first, small);
@@ -153,6 +153,7 @@ ORVANE_SCENARIO(AnySequence, "Any operations in any order, from three threads an
   sequence->places[3].source = &bench.NewSource(second, bench.NewCache(2 * kPage, 2));
   int running = static_cast<int>(Simulator::Random(3));
   for (int k = running; k > 0; --k) {
+    const SimulatorAllocations::Exempt exempt;
     Simulator::Spawn([sequence, &running] {
       sequence->Do(3 + static_cast<unsigned>(Simulator::Random(5)), 0);
       --running;

@@ -20,7 +20,7 @@ class SimFileModel {
  public:
   static constexpr std::uint64_t kPage = 4096;
 
-  // Creates the simulated file, of `bytes` bytes of version 1.
+  // Creates the simulated file, of `bytes` bytes, a multiple of 8, of version 1.
   SimFileModel(std::string name, std::uint32_t number, std::uint64_t bytes);
 
   const std::string& Name() const { return name_; }

@@ -55,39 +55,6 @@ struct Progress {
   std::atomic<std::uint64_t> failCall;
 };
 
-// A mixture: most worlds work, some fail now and then in one respect, some in all.
-SimulatedFaults FaultsOfSeed(std::uint64_t seed) {
-  SimulatedFaults faults;
-  const unsigned chance = std::array<unsigned, 4>{5, 20, 80, 300}[seed / 16 % 4];
-  switch (seed % 16) {
-    case 1:
-      faults.failIssue = chance;
-      break;
-    case 3:
-      faults.failTransfer = chance;
-      break;
-    case 5:
-      faults.shortTransfer = 400;
-      break;
-    case 7:
-      faults.hang = chance;
-      break;
-    case 9:
-      faults.failPrimitive = faults.failThread = faults.failPages = chance / 5 + 1;
-      break;
-    case 11:
-      faults.failAllocation = chance / 5 + 1;
-      break;
-    case 13:
-      faults.failIssue = faults.failTransfer = faults.hang = faults.failOpen = chance / 2;
-      faults.shortTransfer = 100;
-      break;
-    default:
-      break;
-  }
-  return faults;
-}
-
 class Session {
  public:
   Session(const Options& options, std::vector<const Scenario*> scenarios)

@@ -83,7 +83,10 @@ class SimWorld {
 
   const SimulationSetup& Setup() const { return setup_; }
   SimDevice& Device() { return *device_; }
-  SimRandom& CallersRandom() { return callersRandom_; }
+  std::uint64_t CallersRandom(std::uint64_t limit) {
+    if (nextOfCallers_ == setup_.firstRandoms.size()) return callersRandom_.Below(limit);
+    return setup_.firstRandoms[nextOfCallers_++] % limit;
+  }
   SimRandom& DeviceRandom() { return deviceRandom_; }
   std::uint64_t GetStep() const { return step_; }
   std::uint64_t GetFaults() const { return faults_; }
@@ -122,6 +125,7 @@ class SimWorld {
   SimRandom timeRandom_;
   SimRandom faultRandom_;
   SimRandom callersRandom_;
+  std::size_t nextOfCallers_ = 0;
   SimRandom deviceRandom_;
   const std::unique_ptr<SimDevice> device_;
 

@@ -195,7 +195,7 @@ void Simulator::Note(const std::string& text) {
 }
 
 std::uint64_t Simulator::Random(std::uint64_t limit) {
-  return World().CallersRandom().Below(limit);
+  return World().CallersRandom(limit);
 }
 
 void Simulator::StopFaults() {
