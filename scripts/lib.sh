@@ -121,5 +121,14 @@ get_needs() {
   fail 'still missing after the installation'
 }
 
+# The thread sanitizer cannot place its memory where the kernel spreads mappings too widely. It says
+# so, and the step is done again with fixed addresses.
+under=() # what commands run under
+misplaced() { [ ${#under[@]} = 0 ] && grep -q 'unexpected memory mapping' "$1"; }
+fix_addresses() {
+  note 'The thread sanitizer needs fixed addresses: once more, under setarch -R.'
+  under=(setarch "$(uname -m)" -R)
+}
+
 # The 16 digits of a file's XXH3, by the system's xxhsum.
 xxh3_of() { xxhsum -H3 - <"$1" | grep -oE '[0-9a-f]{16}' | head -n 1; }

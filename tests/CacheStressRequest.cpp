@@ -67,6 +67,16 @@ const char* StressCounts::NameOf(StressKind kind) {
   return kNames[static_cast<std::size_t>(kind)];
 }
 
+std::uint64_t StressCounts::GetOperations() const {
+  std::uint64_t operations = 0;
+  for (const StressKind end :
+       {StressKind::kReportedOK, StressKind::kReportedPartial, StressKind::kReportedOutOfRange,
+        StressKind::kReportedFailed, StressKind::kRefused}) {
+    operations += Get(end);
+  }
+  return operations;
+}
+
 void StressFindings::Add(const std::string& text) {
   ++count_;
   const std::lock_guard<std::mutex> lock(mutex_);
@@ -335,6 +345,7 @@ void StressRequest::CheckData(std::uint64_t bytes) {
     return;
   }
   const auto data = memory_.Gather(static_cast<std::size_t>(bytes));
+  world_.counts->AddComparedBytes(data.size());
   if (!source_->File().CanHold(data.data(), data.size(), plan_.offset, start_.leastVersions)) {
     Find("wrong bytes", 0, bytes);
   }

@@ -10,25 +10,9 @@
 #include <vector>
 
 #include "CacheStressModel.h"
+#include "StressTools.h"
 
 namespace Orvane {
-
-// Small, fast and the same everywhere.
-class StressRandom {
- public:
-  explicit StressRandom(std::uint64_t seed) : state_(seed) {}
-  std::uint64_t Next() {
-    std::uint64_t word = (state_ += 0x9E3779B97F4A7C15U);
-    word = (word ^ (word >> 30)) * 0xBF58476D1CE4E5B9U;
-    word = (word ^ (word >> 27)) * 0x94D049BB133111EBU;
-    return word ^ (word >> 31);
-  }
-  std::size_t Below(std::size_t limit) { return static_cast<std::size_t>(Next() % limit); }
-  bool OneIn(std::size_t count) { return Below(count) == 0; }
-
- private:
-  std::uint64_t state_;
-};
 
 // What the test does and what comes of it; each must have happened in the end.
 // clang-format off
@@ -60,9 +44,14 @@ class StressCounts {
     return std::all_of(counts_.begin(), counts_.end(),
                        [](const auto& count) { return count != 0; });
   }
+  // Requests that were refused or reported.
+  std::uint64_t GetOperations() const;
+  void AddComparedBytes(std::uint64_t bytes) { comparedBytes_ += bytes; }
+  std::uint64_t GetComparedBytes() const { return comparedBytes_; }
 
  private:
   std::array<std::atomic<std::uint64_t>, static_cast<std::size_t>(StressKind::kCount)> counts_{};
+  std::atomic<std::uint64_t> comparedBytes_{0};
 };
 
 // What went wrong, of all threads: how often, and the first of each in words.

@@ -1,12 +1,8 @@
 // Everything that a cache over files does at once, from many threads, against a model.
-//
-// ORVANE_STRESS_SECONDS in the environment is how long it runs (5), ORVANE_STRESS_SEED repeats a
-// run's choices (it is printed).
+// How long and with what it runs says the environment: see StressOptions.
 #include <chrono>
-#include <cstdlib>
 #include <deque>
 #include <iostream>
-#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -40,11 +36,6 @@ constexpr struct {
 } kSlots[] = {{0, true}, {0, true},  {0, false},   {1, true},    {1, true},
               {1, true}, {1, false}, {kLog, true}, {kLog, true}, {kLog, false}};
 constexpr std::size_t kSlotCount = std::size(kSlots);
-
-std::uint64_t NumberFromEnvironment(const char* name, std::uint64_t otherwise) {
-  const char* const text = std::getenv(name);
-  return text && *text != '\0' ? std::strtoull(text, nullptr, 10) : otherwise;
-}
 
 // Sleeps only when it takes long.
 bool SoonOrEventually(const std::function<bool()>& condition) {
@@ -615,6 +606,7 @@ void StressThread::OwnTransactions() {
     failed = failed || outcome->Result() == kFailed;
     if (outcome->Count() != 1) world_->Findings().Add("an own read was reported twice");
     const auto data = memory[k]->Gather(size);
+    if (outcome->Result() == kOK) world_->Counts().AddComparedBytes(size);
     const bool good = outcome->Result() == kOK && outcome->Bytes() == size &&
                       file->CanHold(data.data(), size, offsets[k], starts[k].leastVersions);
     const bool mayFail = disturbance < 3 && outcome->Result() == kFailed && outcome->Bytes() == 0;
@@ -650,16 +642,14 @@ void StressThread::Bury() {
 class CachedFileStressTest : public OrvaneTest {};
 
 TEST_F(CachedFileStressTest, ManyThreadsAgreeWithAModel) {
-  const std::uint64_t seconds = NumberFromEnvironment("ORVANE_STRESS_SECONDS", 5);
-  const std::uint64_t seed = NumberFromEnvironment("ORVANE_STRESS_SEED", std::random_device{}());
-  std::cout << "ORVANE_STRESS_SEED=" << seed << " ORVANE_STRESS_SECONDS=" << seconds << std::endl;
+  const StressOptions options = StressOptions::FromEnvironment();
   {
     StressWorld world;
     std::vector<std::unique_ptr<StressThread>> bodies;
     std::vector<std::thread> threads;
-    const auto end = Clock::now() + std::chrono::seconds(seconds);
+    const auto end = Clock::now() + std::chrono::seconds(options.seconds);
     for (std::size_t k = 0; k < kThreads; ++k) {
-      bodies.push_back(std::make_unique<StressThread>(&world, k, seed));
+      bodies.push_back(std::make_unique<StressThread>(&world, k, options.seed));
     }
     for (const auto& body : bodies) {
       threads.emplace_back([&body, end] { body->Run(end); });
@@ -675,6 +665,7 @@ TEST_F(CachedFileStressTest, ManyThreadsAgreeWithAModel) {
       summary << ' ' << StressCounts::NameOf(kind) << ' ' << world.Counts().Get(kind);
     }
     std::cout << "cached stress:" << summary.str() << std::endl;
+    PrintStressTotals(world.Counts().GetOperations(), world.Counts().GetComparedBytes());
   }
   EXPECT_TRUE(Eventually([] { return CountFreeSlots() == kRequestSlots; }));
 }

@@ -1,10 +1,7 @@
 // Everything at once, from many threads, against a model of the file in memory.
-//
-// ORVANE_STRESS_SECONDS in the environment is how long it runs (5), ORVANE_STRESS_SEED repeats a
-// run's choices (it is printed).
+// How long and with what it runs says the environment: see StressOptions.
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -12,6 +9,7 @@
 #include <thread>
 
 #include "FileTestTools.h"
+#include "StressTools.h"
 
 namespace Orvane {
 namespace {
@@ -25,11 +23,6 @@ constexpr std::size_t kLanes = 12;        // requests of a thread at a time
 constexpr std::size_t kLanePages = 8;     // of the file, per request
 constexpr unsigned char kPoison = 0xA5;
 static_assert(kLanes * kLanePages == kRegionPages);
-
-std::uint64_t NumberFromEnvironment(const char* name, std::uint64_t otherwise) {
-  const char* const text = std::getenv(name);
-  return text && *text != '\0' ? std::strtoull(text, nullptr, 10) : otherwise;
-}
 
 std::size_t Pick(Random* random, std::size_t below) {
   return (*random)() % below;
@@ -47,6 +40,8 @@ struct Findings {
   std::atomic<std::uint64_t> accepted{0};
   std::atomic<std::uint64_t> refused{0};
   std::atomic<std::uint64_t> cancelled{0};
+  std::atomic<std::uint64_t> synchronous{0};
+  std::atomic<std::uint64_t> comparedBytes{0};
 };
 
 // One request over a part of its lane, which may start itself again from its report.
@@ -142,7 +137,9 @@ class StressRequest : public FileSource::ResultCallbackBufferList {
       failed_ = true;
       return;
     }
-    if (!plan_.write && !MemoryIsLikeModel()) ++findings_->wrongBytes;
+    if (plan_.write) return;
+    findings_->comparedBytes += size_;
+    if (!MemoryIsLikeModel()) ++findings_->wrongBytes;
   }
   void PutModelIntoMemory() {
     const unsigned char* next = plan_.expected;
@@ -258,7 +255,9 @@ class StressThread {
     const std::size_t pages = 1 + Pick(&random_, kLanePages - page);
     const Pieces pieces = PickPieces(lane, pages);
     const Outcome outcome = ReadInto(Source(), OffsetOf(lane, page), pieces);
+    ++findings_->synchronous;
     if (outcome.result == kBusy) return;
+    findings_->comparedBytes += pages * Page();
     if (outcome != Outcome{kOK, pages * Page()}) ++findings_->wrongResults;
     const unsigned char* next = ModelAt(lane, page);
     for (const auto& [address, size] : pieces) {
@@ -342,16 +341,14 @@ class StressThread {
 class FileStressTest : public OrvaneTest {};
 
 TEST_F(FileStressTest, ManyThreadsAgreeWithAModelInMemory) {
-  const std::uint64_t seconds = NumberFromEnvironment("ORVANE_STRESS_SECONDS", 5);
-  const std::uint64_t seed = NumberFromEnvironment("ORVANE_STRESS_SEED", std::random_device{}());
-  std::cout << "ORVANE_STRESS_SEED=" << seed << " ORVANE_STRESS_SECONDS=" << seconds << std::endl;
+  const StressOptions options = StressOptions::FromEnvironment();
   const TestFile file("stress");
   Findings findings;
   std::vector<std::unique_ptr<StressThread>> bodies;
   std::vector<std::thread> threads;
-  const auto end = Clock::now() + std::chrono::seconds(seconds);
+  const auto end = Clock::now() + std::chrono::seconds(options.seconds);
   for (std::size_t i = 0; i < kThreads; ++i) {
-    bodies.push_back(std::make_unique<StressThread>(&findings, file.Path(), i, seed));
+    bodies.push_back(std::make_unique<StressThread>(&findings, file.Path(), i, options.seed));
   }
   for (const auto& body : bodies) {
     threads.emplace_back([&body, end] { body->Run(end); });
@@ -369,6 +366,8 @@ TEST_F(FileStressTest, ManyThreadsAgreeWithAModelInMemory) {
   EXPECT_TRUE(Eventually([] { return CountFreeSlots() == kRequestSlots; }));
   std::cout << findings.accepted << " requests accepted, " << findings.refused << " refused, "
             << findings.cancelled << " cancelled" << std::endl;
+  PrintStressTotals(findings.accepted + findings.refused + findings.synchronous,
+                    findings.comparedBytes);
 }
 
 }  // namespace

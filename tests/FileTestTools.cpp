@@ -305,7 +305,7 @@ DescriptorState StateOfDescriptorOn(const std::string& path) {
 
 bool EnterPrivateMounts() {
   static const bool entered =
-      unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+      unshare(CLONE_NEWNS) == 0 && mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0;
   return entered;
 }
 

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "DelayingMTInterface.h"
 #include "MTInterface.h"
 #include "OrvaneTest.h"
 
@@ -27,6 +28,11 @@ MTInterfaceImp& HostImplementation() {
 
 MTInterfaceImp& InstalledImplementation() {
   return TestMTInterface::Get();
+}
+
+MTInterfaceImp& DelayingImplementation() {
+  static auto* const delaying = new DelayingMTInterface(&HostImplementation(), 1, DelayRates{});
+  return *delaying;
 }
 
 constexpr std::uint32_t kForEver = 0xFFFFFFFF;
@@ -56,7 +62,8 @@ class MTPrimitivesTest : public OrvaneTest, public ::testing::WithParamInterface
 
 INSTANTIATE_TEST_SUITE_P(Every, MTPrimitivesTest,
                          ::testing::Values(Implementation{"Installed", &InstalledImplementation},
-                                           Implementation{"Host", &HostImplementation}),
+                                           Implementation{"Host", &HostImplementation},
+                                           Implementation{"Delaying", &DelayingImplementation}),
                          [](const auto& every) { return std::string(every.param.name); });
 
 // Critical sections.
