@@ -52,7 +52,8 @@ struct SimulatedFaults {
   unsigned failThread = 0;      // a thread cannot be started
   unsigned failPages = 0;       // PhysMemInterface::Allocate answers null
   unsigned failAllocation = 0;  // `new` throws; see SimulatorAllocations
-  // The call with this number fails, counted from 1 over all of the above but allocations; 0: none.
+  // The call with this number fails, counted from 1 over all of the above but lost writes and
+  // allocations; 0: none.
   std::uint64_t failCall = 0;
   // Likewise over the allocations.
   std::uint64_t failAllocationCall = 0;

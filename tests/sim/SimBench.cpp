@@ -61,6 +61,7 @@ void SimSource::Cancel() {
   const std::size_t event = BeginEvent(true, false, 0, 0);
   source_->Cancel();
   EndEvent(event);
+  CheckReported(events_[event].begin);
 }
 
 void SimSource::Purge() {
@@ -82,7 +83,18 @@ bool SimSource::Close() {
   isOpen_ = false;
   const bool closed = source_->Close();
   EndEvent(event);
+  CheckReported(IsAlone(event) ? events_[event].end : events_[event].begin);
   return closed;
+}
+
+bool SimSource::Delete() {
+  const std::size_t event = BeginEvent(true, true, 0, 0);
+  isOpen_ = false;
+  const bool deleted = source_->Delete();
+  if (deleted) file_->Delete();
+  EndEvent(event);
+  CheckReported(IsAlone(event) ? events_[event].end : events_[event].begin);
+  return deleted;
 }
 
 bool SimSource::Open(bool forRead, bool forWrite) {
@@ -94,7 +106,9 @@ bool SimSource::Open(bool forRead, bool forWrite) {
     if (Simulator::GetFaults() == 0) Simulator::Fail("Open has thrown without a reason");
   }
   if (opened) {
-    isOpen_ = true;
+    // Of two that open and close at a time the bench does not know who was last. A file that is
+    // not there can be opened, but that is all.
+    isOpen_ = IsAlone(event) && !file_->IsDeleted();
     forRead_ = forRead;
     forWrite_ = forWrite;
     if (cache_) events_[event].forgetsBefore = events_[event].begin;
@@ -104,9 +118,11 @@ bool SimSource::Open(bool forRead, bool forWrite) {
 }
 
 void SimSource::Release() {
-  BeginEvent(true, true, 0, 0);
+  const std::size_t event = BeginEvent(true, true, 0, 0);
+  const bool isLast = source_->GetRefCount() == 1 && IsAlone(event);
   released_ = true;
   source_->DecRef(kFile, "Orvane::SimSource::Release", __LINE__);
+  if (isLast) CheckReported(events_[event].begin);
 }
 
 std::size_t SimSource::BeginEvent(bool everything, bool closes, std::uint64_t offset,
@@ -126,6 +142,24 @@ void SimSource::EndEvent(std::size_t event) {
   // What was read before the end of a write is not shown by reads that begin after it.
   const bool write = !events_[event].everything && events_[event].forgetsBefore == 0;
   if (write) events_[event].forgetsBefore = events_[event].end;
+}
+
+// Whether nobody else has opened, closed or released it since the event began.
+bool SimSource::IsAlone(std::size_t event) const {
+  for (std::size_t k = 0; k < events_.size(); ++k) {
+    if (k != event && events_[k].closes && events_[k].end >= events_[event].begin) return false;
+  }
+  return true;
+}
+
+// A cancel returns when everything that was accepted before it has been reported. With a cache
+// there are exceptions: inside a callback it does not wait for reports on other threads.
+void SimSource::CheckReported(SimTime acceptedBy) const {
+  if (cache_) return;
+  for (const auto& request : bench_->requests_) {
+    const bool concerned = request->source_ == this && request->accepted_ <= acceptedBy;
+    if (concerned && !request->isOver_) request->Fail("unreported at the end of a cancel");
+  }
 }
 
 bool SimSource::MayFailSince(SimTime begin, std::uint64_t offset, std::uint64_t size) const {

@@ -86,7 +86,7 @@ class SimRequest {
   std::size_t writeEvent_ = 0;  // of its source
   SimTime end_ = kSimTimeOpen;
   std::uint64_t beginMicro_ = 0;
-  bool isStarted_ = false;
+  SimTime accepted_ = kSimTimeOpen;  // when its start had returned
   bool isOver_ = false;
   int reports_ = 0;
   CacheSource::Result_t result_ = CacheSource::kResultNone;
@@ -115,6 +115,8 @@ class SimSource {
   void Invalidate(std::uint64_t offset, std::uint64_t size);
   bool Close();
   bool Open(bool forRead = true, bool forWrite = true);
+  // Closes it too. Answers whether the file is gone.
+  bool Delete();
   // Gives up the bench's reference; nothing is to be called after it.
   void Release();
   bool IsReleased() const { return released_; }
@@ -137,6 +139,8 @@ class SimSource {
   SimSource(SimBench* bench, SimFileModel* file, Cache* cache);
   std::size_t BeginEvent(bool everything, bool closes, std::uint64_t offset, std::uint64_t size);
   void EndEvent(std::size_t event);
+  bool IsAlone(std::size_t event) const;
+  void CheckReported(SimTime acceptedBy) const;
   SimRequest& Make(bool isWrite, std::uint64_t offset, std::uint64_t size, SimRequestForm form,
                    bool wait);
   bool MayFailSince(SimTime begin, std::uint64_t offset, std::uint64_t size) const;
@@ -150,7 +154,7 @@ class SimSource {
   bool released_ = false;
   bool forRead_ = false;
   bool forWrite_ = false;
-  bool isOpen_ = false;
+  bool isOpen_ = false;  // false also where nobody knows
   std::vector<Event> events_;
   std::vector<std::uint64_t> preReads_;  // when they were asked for, microseconds
 };

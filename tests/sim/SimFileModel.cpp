@@ -54,7 +54,9 @@ std::string SimFileModel::Check(const unsigned char* data, std::uint64_t size, s
   for (std::uint64_t done = 0; done < size;) {
     const std::uint64_t skip = (offset + done) % kWord;
     const std::uint64_t count = std::min(kWord - skip, size - done);
-    if (!PieceMayShow(data + done, offset + done - skip, skip, count, begin, end)) {
+    const std::uint64_t position = offset + done - skip;
+    if (!PieceMayShow(data + done, position, skip, count, begin, end) &&
+        !TornPieceMayShow(data + done, position, skip, count, begin, end)) {
       std::uint64_t word = 0;
       std::memcpy(&word, data + done, count);
       return "wrong bytes at " + std::to_string(offset + done) + " of " + name_ + ": file " +
@@ -75,6 +77,19 @@ bool SimFileModel::PieceMayShow(const unsigned char* data, std::uint64_t positio
     const std::uint64_t word = WordOf(position, version);
     if (std::memcmp(data, reinterpret_cast<const unsigned char*>(&word) + skip, count) == 0 &&
         MayShow(version, position + skip, begin, end)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// A write under way, or one that was cut, ends anywhere in a word; the rest of it is older.
+bool SimFileModel::TornPieceMayShow(const unsigned char* data, std::uint64_t position,
+                                    std::uint64_t skip, std::uint64_t count, SimTime begin,
+                                    SimTime end) const {
+  for (std::uint64_t cut = 1; cut < count; ++cut) {
+    if (PieceMayShow(data, position, skip, cut, begin, end) &&
+        PieceMayShow(data + cut, position, skip + cut, count - cut, begin, end)) {
       return true;
     }
   }
@@ -118,6 +133,7 @@ std::uint64_t SimFileModel::MostEnd(SimTime end) const {
 }
 
 std::string SimFileModel::CheckDisk() const {
+  if (isDeleted_) return SimulatedFiles::Exists(name_) ? name_ + " is there again" : std::string();
   const std::vector<unsigned char> content = SimulatedFiles::Read(name_);
   const SimTime now = Simulator::GetStep();
   if (content.size() < LeastEnd(now) || content.size() > MostEnd(now)) {

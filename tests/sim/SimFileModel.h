@@ -38,6 +38,9 @@ class SimFileModel {
   // The least and the most that the file ended at in that time.
   std::uint64_t LeastEnd(SimTime begin) const;
   std::uint64_t MostEnd(SimTime end) const;
+  // The file has been deleted: whoever had it open goes on with what it held.
+  void Delete() { isDeleted_ = true; }
+  bool IsDeleted() const { return isDeleted_; }
   // Empty if the simulated file agrees with the model. REQUIRES: nothing writes.
   std::string CheckDisk() const;
 
@@ -53,10 +56,13 @@ class SimFileModel {
   bool MayShow(std::uint64_t version, std::uint64_t position, SimTime begin, SimTime end) const;
   bool PieceMayShow(const unsigned char* data, std::uint64_t position, std::uint64_t skip,
                     std::uint64_t count, SimTime begin, SimTime end) const;
+  bool TornPieceMayShow(const unsigned char* data, std::uint64_t position, std::uint64_t skip,
+                        std::uint64_t count, SimTime begin, SimTime end) const;
 
   const std::string name_;
   const std::uint64_t number_;
   std::vector<Version> versions_;  // [0] is version 1
+  bool isDeleted_ = false;
 };
 
 }  // namespace Orvane

@@ -97,7 +97,7 @@ void SimRequest::Start() {
     result = CacheSource::kResultError;
   }
   if (result == CacheSource::kResultPending) {
-    isStarted_ = true;
+    accepted_ = Simulator::GetStep();
     return;
   }
   if (reports_ != 0) Fail("reported although its start was refused");
@@ -197,6 +197,9 @@ void SimRequest::CheckRefusal() {
     case CacheSource::kResultError:
       if (excused) return;
       break;
+    case CacheSource::kResultOutOfRange:
+      if (!source_->GetCache() && offset_ + (size_ - 1) < offset_) return;
+      break;
     default:
       break;
   }
@@ -232,6 +235,8 @@ void SimRequest::CheckOutcome() {
 }
 
 void SimRequest::CheckBytes() {
+  // Of a device that lies nothing is known.
+  if (SimulatedFiles::GetLostWrites() != 0) return;
   const Exempt exempt;
   const SimFileModel& file = source_->File();
   const SimTime showsFrom = source_->ShowsFrom(begin_, offset_, size_);

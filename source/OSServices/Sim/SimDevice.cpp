@@ -162,7 +162,7 @@ void SimDevice::SettleWrite(Transfer* transfer, const SimFile& file) {
   transfer->outcome = AsyncPort::Outcome::kMoved;
   transfer->bytes = bytes;
   transfer->stored = bytes;
-  if (world_->DrawFault(world_->Setup().faults.loseWrite)) {
+  if (world_->DrawLie(world_->Setup().faults.loseWrite)) {
     transfer->stored = 0;
     ++lostWrites_;
   }

@@ -360,6 +360,12 @@ bool SimWorld::DrawAllocationFault() {
   return true;
 }
 
+bool SimWorld::DrawLie(unsigned chance) {
+  if (!faultsOn_ || chance == 0 || faultRandom_.Below(1000) >= chance) return false;
+  ++faults_;
+  return true;
+}
+
 void SimWorld::StopFaults() {
   faultsOn_ = false;
   device_->EndHanging();

@@ -69,6 +69,8 @@ class SimWorld {
   // Faults. True: the call is to fail. Counts it.
   bool DrawFault(unsigned chance);
   bool DrawAllocationFault();
+  // By chance only: a device that lies. Not counted.
+  bool DrawLie(unsigned chance);
   void StopFaults();
   bool FaultsAreOn() const { return faultsOn_; }
   void StartFaults() { faultsOn_ = true; }
