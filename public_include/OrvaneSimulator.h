@@ -143,6 +143,10 @@ class Simulator {
   static void Settle();
   // A line of the trace.
   static void Note(const std::string& text);
+  // For ExploreAll: whether the order from here on is varied, as it is at first. While it is not,
+  // whoever runs goes on, and then the first that can: what a scenario prepares, and how it cleans
+  // up, need not multiply its schedules. Elsewhere it means nothing.
+  static void VaryOrder(bool varied);
   // From the seed; below `limit`, which is not 0. Independent of the schedule's own numbers.
   static std::uint64_t Random(std::uint64_t limit);
   // From now on no fault is drawn and every transfer that hangs fails.

@@ -269,7 +269,9 @@ void SimRequest::CheckUnlocked() {
 void SimRequest::End() {
   const Exempt exempt;
   if (isWrite_) {
-    source_->File().EndWrite(version_, end_, result_ == CacheSource::kResultOK);
+    // A write that the device has lost is reported as done all the same.
+    const bool good = result_ == CacheSource::kResultOK && SimulatedFiles::GetLostWrites() == 0;
+    source_->File().EndWrite(version_, end_, good);
     source_->EndEvent(writeEvent_);
   }
   memory_->LetGo(afterwards_);
@@ -280,7 +282,8 @@ bool SimRequest::MayFail() const {
   return source_->MayFailSince(begin_, offset_, size_) || source_->IsReleased();
 }
 
-// With it, or with another request of the file that had.
+// With it, or with another request of the file that had. Through a cache that may be one which was
+// over long ago: a fill goes on when those that waited for it have failed.
 bool SimRequest::MayHaveWaitedTooLong() const {
   const std::uint64_t now = Simulator::GetTimeMicro();
   if (now < kQueueMicros) return false;
@@ -292,7 +295,7 @@ bool SimRequest::MayHaveWaitedTooLong() const {
   return std::any_of(source_->bench_->requests_.begin(), source_->bench_->requests_.end(),
                      [&](const auto& other) {
                        return other->source_ == source_ && old(other->beginMicro_) &&
-                              (!other->isOver_ || other->end_ >= begin_);
+                              (source_->GetCache() || !other->isOver_ || other->end_ >= begin_);
                      });
 }
 

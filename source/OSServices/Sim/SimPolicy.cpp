@@ -148,7 +148,7 @@ class ReplayPolicy : public SimPolicy {
 
 std::size_t SimSearchPolicy::Choose(const SimCandidates& candidates, std::uint64_t) {
   const std::size_t first = candidates.running ? IndexOf(candidates, candidates.running) : 0;
-  if (candidates.Count() == 1) return first;
+  if (candidates.Count() == 1 || !candidates.areVaried) return first;
   const bool preempts = candidates.running != nullptr;
   if (next_ == choices_->size()) {
     const bool all = !preempts || preemptionsLeft_ > 0;

@@ -22,6 +22,7 @@ struct SimCandidates {
   std::size_t count = 0;         // of threads
   bool device = false;           // also the device
   SimThread* running = nullptr;  // among the threads, or null if it cannot go on
+  bool areVaried = true;         // for a search: else there is one order
 
   std::size_t Count() const { return count + (device ? 1 : 0); }
 };

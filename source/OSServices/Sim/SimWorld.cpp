@@ -142,7 +142,10 @@ void SimWorld::EndThread() {
 void SimWorld::Record(SimEvent event, std::uint64_t object, std::uint64_t value) {
   const SimTrace::Entry entry{step_, micro_, object, value, running_ ? running_->index : 0, event};
   trace_.Add(entry);
-  if (setup_.printTrace) std::fprintf(stderr, "%s\n", SimTrace::ToText(entry).c_str());
+  if (!setup_.printTrace) return;
+  // Looking on changes nothing: what the text takes is no allocation of the thread.
+  const SimInside inside;
+  std::fprintf(stderr, "%s\n", SimTrace::ToText(entry).c_str());
 }
 
 void SimWorld::Step(SimEvent event, std::uint64_t object, std::uint64_t value) {
@@ -181,6 +184,7 @@ void SimWorld::SwitchTo(SimThread* next) {
 SimThread* SimWorld::ChooseNext() {
   for (;;) {
     SimCandidates candidates;
+    candidates.areVaried = orderIsVaried_;
     Collect(&candidates);
     if (candidates.Count() == 0) {
       if (!MoveTime()) NobodyCanGoOn();

@@ -72,6 +72,7 @@ class SimWorld {
   // By chance only: a device that lies. Not counted.
   bool DrawLie(unsigned chance);
   void StopFaults();
+  void VaryOrder(bool varied) { orderIsVaried_ = varied; }
   bool FaultsAreOn() const { return faultsOn_; }
   void StartFaults() { faultsOn_ = true; }
 
@@ -143,6 +144,7 @@ class SimWorld {
   Quiet quiet_;
 
   bool faultsOn_ = false;
+  bool orderIsVaried_ = true;
   std::uint64_t hostCalls_ = 0;
   std::uint64_t allocations_ = 0;
   std::uint64_t faults_ = 0;

@@ -194,6 +194,11 @@ void Simulator::Note(const std::string& text) {
   World().Note(text);
 }
 
+void Simulator::VaryOrder(bool varied) {
+  const SimInside inside;
+  World().VaryOrder(varied);
+}
+
 std::uint64_t Simulator::Random(std::uint64_t limit) {
   return World().CallersRandom(limit);
 }
