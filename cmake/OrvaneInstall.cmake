@@ -1,14 +1,19 @@
-# What `cmake --install` puts in place: both libraries, the headers in one folder, the package files
-# of CMake (find_package(Orvane)) and of pkg-config (orvane, orvane-static).
+# What `cmake --install` puts in place: both libraries, the simulated host for tests, the headers in
+# one folder, the package files of CMake (find_package(Orvane)) and of pkg-config (orvane,
+# orvane-static).
 include(CMakePackageConfigHelpers)
 
 set(ORVANE_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Orvane)
 
 # One export per library: who links the shared one needs none of the static one's dependencies.
-foreach(kind IN ITEMS Static Shared)
-  set(target Orvane)
-  if(kind STREQUAL "Shared")
-    set(target OrvaneShared)
+set(kinds Static Shared)
+if(ORVANE_BUILD_SIMULATOR)
+  list(APPEND kinds Simulator)
+endif()
+foreach(kind IN LISTS kinds)
+  set(target Orvane${kind})
+  if(kind STREQUAL "Static")
+    set(target Orvane)
   endif()
   set_target_properties(${target} PROPERTIES EXPORT_NAME ${kind})
   install(TARGETS ${target} EXPORT Orvane${kind}Targets
@@ -21,6 +26,9 @@ endforeach()
 file(GLOB ORVANE_HEADERS CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/public_include/*.h
   ${PROJECT_SOURCE_DIR}/public_include/${ORVANE_HOST}/*.h)
+if(NOT ORVANE_BUILD_SIMULATOR)
+  list(FILTER ORVANE_HEADERS EXCLUDE REGEX "/OrvaneSimulator[A-Za-z]*\\.h$")
+endif()
 install(FILES ${ORVANE_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Orvane)
 
 configure_package_config_file(

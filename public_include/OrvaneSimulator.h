@@ -162,8 +162,9 @@ class Simulator {
   // Requests that the I/O thread has accepted and not reported.
   static std::uint64_t GetOpenRequests();
 
-  // The order in which locks of the library were entered, in all runs of the process: one line
-  // "outer -> inner" per pair of classes. Anywhere.
+  // The order in which locks of the library were entered, in all runs of the process: one line per
+  // class that was entered at all, and behind it one line "outer -> inner" per class that was
+  // entered inside. Anywhere.
   static std::string GetLockOrder();
 
  private:

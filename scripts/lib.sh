@@ -17,13 +17,18 @@ wanted=()  # "kind name debian-package" lines
 need_command() { wanted+=("command $1 $2"); }
 need_module() { wanted+=("module $1 $2"); }
 
-# What building the library and the tool takes.
-need_build() {
+# What building the library takes.
+need_library() {
   wanted+=("compiler a-C++-compiler g++")
   wanted+=("cmake CMake-3.25-or-newer cmake")
   need_command ninja ninja-build
   need_command pkg-config pkg-config
   need_module liburing liburing-dev
+}
+
+# And the tool.
+need_build() {
+  need_library
   need_module CLI11 libcli11-dev
   need_module fmt libfmt-dev
   need_module libxxhash libxxhash-dev

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Uses the library as another project does: installs a build into a temporary folder, builds programs
 # against it through CMake and pkg-config, with the static and the shared library, and runs them.
-# Also compiles every installed header alone and the programs that the README prints.
+# Also compiles every installed header alone and the programs that the README and SIMULATION.md print.
 # Usage: consumer_test.sh BUILD_FOLDER
 # shellcheck source-path=SCRIPTDIR
 set -u
@@ -140,6 +140,35 @@ readme() { # compiler
   done
 }
 
+# The program of docs/SIMULATION.md finds its mistake; with the line that the page prints it has none.
+simulator() {
+  local folder=$work/simulator output
+  mkdir -p "$folder"
+  awk '/^```/ { file = $0 == "```" ? "" : "simulation" ++count "." substr($0, 4); next }
+       file { print >file }' "$root/docs/SIMULATION.md"
+  mv simulation1.cpp "$folder/wrong.cpp"
+  awk 'FNR == NR { right = right $0 "\n"; next } /\/\/ wrong:/ { printf "%s", right; next } { print }' \
+    simulation2.cpp "$folder/wrong.cpp" >"$folder/right.cpp"
+  check 'SIMULATION.md: one line is corrected' test \
+    "$(diff "$folder/wrong.cpp" "$folder/right.cpp" | grep -c '^[<>]')" = 2
+  {
+    printf 'cmake_minimum_required(VERSION 3.25)\nproject(Player LANGUAGES CXX)\n'
+    sed 's/player_test/wrong/g' simulation3.cmake
+    sed 's/player_test/right/g' simulation3.cmake
+  } >"$folder/CMakeLists.txt"
+  check 'SIMULATION.md: configure' cmake -S "$folder" -B "$folder/build" -G Ninja \
+    -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_CXX_FLAGS='-Wall -Wextra -Wpedantic -Werror'
+  check 'SIMULATION.md: the program compiles as printed' cmake --build "$folder/build"
+  output=$("$folder/build/wrong" 2>&1)
+  equal 'SIMULATION.md: the program finds its mistake' 1 $?
+  contains 'SIMULATION.md: ... and says which' ' shows ' "$output"
+  contains 'SIMULATION.md: ... and how often threads are switched' ' switches of threads' "$output"
+  output=$("$folder/build/right" 2>&1)
+  equal 'SIMULATION.md: the corrected program has none' 0 $?
+  contains 'SIMULATION.md: ... in all runs' 'nothing found in 1000 runs' "$output"
+}
+
 check 'every public header is installed' test \
   "$(find "$root/public_include" -maxdepth 1 -name '*.h' | wc -l)" -lt \
   "$(find "$prefix/include/Orvane" -maxdepth 1 -name '*.h' | wc -l)"
@@ -148,6 +177,11 @@ through_cmake static OFF
 through_cmake shared ON
 named_targets
 as_subfolder
+if [ -n "$(find "$prefix" -name OrvaneSimulatorTargets.cmake)" ]; then
+  simulator
+else
+  skip 'the simulator' 'it was left out of the build'
+fi
 for compiler in "${compilers[@]}"; do
   through_pkg_config static orvane-static "$compiler"
   through_pkg_config shared orvane "$compiler"

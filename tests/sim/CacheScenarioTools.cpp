@@ -21,17 +21,7 @@ EveryOrder::~EveryOrder() {
   Simulator::VaryOrder(false);
 }
 
-void Crew::Spawn(std::function<void()> work) {
-  ++atWork_;
-  Simulator::Spawn([this, work = std::move(work)] {
-    work();
-    --atWork_;
-  });
-}
 
-void Crew::Join() {
-  Simulator::WaitUntil([this] { return atWork_ == 0; });
-}
 
 SimRequest& StartedRequests::Add(SimRequest& request) {
   const SimulatorAllocations::Exempt exempt;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "SimBench.h"
+#include "SimTools.h"
 
 namespace Orvane {
 
@@ -33,27 +34,6 @@ class EveryOrder {
 
   // To be called first in a scenario: one order will do.
   static void NotYet() { Simulator::VaryOrder(false); }
-};
-
-// Threads of the application. Whoever made them waits for them.
-class Crew {
- public:
-  Crew() = default;
-  ~Crew() { Join(); }
-  Crew(const Crew&) = delete;
-  Crew& operator=(const Crew&) = delete;
-
-  template <typename Work>
-  void Start(Work work) {
-    const SimulatorAllocations::Exempt exempt;
-    Spawn(std::move(work));
-  }
-  void Join();
-
- private:
-  void Spawn(std::function<void()> work);
-
-  std::size_t atWork_ = 0;
 };
 
 // Holds operations that end requests to their word: what had been started before one of them began

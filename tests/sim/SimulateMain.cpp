@@ -18,6 +18,11 @@
 #include "OrvaneSimulatorNew.h"
 #include "Scenario.h"
 
+// For the thread sanitizer, where that is built in: worlds use the same addresses again.
+extern "C" const char* __tsan_default_options() {
+  return "suppress_equal_addresses=0";
+}
+
 namespace Orvane {
 namespace {
 

@@ -55,9 +55,9 @@ bool AsyncPortSim::Wait(std::uint32_t timeoutMs, Completion* completion) {
 }
 
 void AsyncPortSim::Wake() {
-  SimPublish(this);
   const SimInside inside;
   world_->Step(SimEvent::kPortWoken, 0);
+  SimPublish(this);
   woken_ = true;
   world_->Progress();
 }

@@ -80,21 +80,27 @@ void StepAt(const SimPrimitive* primitive, SimEvent event, std::uint64_t value =
   }
 }
 
-// Around an operation of an atomic value, which is a full barrier.
+// Around an operation of an atomic value: others may go on before it; then it sees what was done
+// before each earlier change, and a change of its own publishes.
 class SimAtomicStep {
  public:
   SimAtomicStep(SimPrimitive* primitive, SimEvent event) : primitive_(primitive) {
-    SimPublish(primitive_);
-    if (!World()) return;
-    const SimInside inside;
-    StepAt(primitive_, event);
+    if (World()) {
+      const SimInside inside;
+      StepAt(primitive_, event);
+    }
+    SimObserve(primitive_);
   }
-  ~SimAtomicStep() { SimObserve(primitive_); }
+  ~SimAtomicStep() {
+    if (changes_) SimPublish(primitive_);
+  }
+  void OnChange() { changes_ = true; }
   SimAtomicStep(const SimAtomicStep&) = delete;
   SimAtomicStep& operator=(const SimAtomicStep&) = delete;
 
  private:
   SimPrimitive* const primitive_;
+  bool changes_ = false;
 };
 
 }  // namespace
@@ -214,10 +220,10 @@ void MTSemaphoreSim::operator delete(void* memory) {
 }
 
 bool MTSemaphoreSim::Release(std::uint32_t count) {
-  SimPublish(this);
   const SimInside inside;
   SimWorld* const world = World();
   if (world) StepAt(this, SimEvent::kSemaphoreReleases, count);
+  SimPublish(this);
   if (count == 0 || count > maxCount_ - count_) return false;
   count_ += count;
   // The next one to take a unit may destroy it: from here on only the world is used.
@@ -305,13 +311,15 @@ std::uint32_t MTAtomicUnsigned32Sim::Decrement() {
 }
 
 std::uint32_t MTAtomicUnsigned32Sim::Add(std::uint32_t summand) {
-  const SimAtomicStep step(this, SimEvent::kAtomicChanged);
+  SimAtomicStep step(this, SimEvent::kAtomicChanged);
+  step.OnChange();
   return value_ += summand;
 }
 
 bool MTAtomicUnsigned32Sim::CompareAndSwap(std::uint32_t expected, std::uint32_t desired) {
-  const SimAtomicStep step(this, SimEvent::kAtomicCompared);
+  SimAtomicStep step(this, SimEvent::kAtomicCompared);
   if (value_ != expected) return false;
+  step.OnChange();
   value_ = desired;
   return true;
 }
@@ -342,14 +350,18 @@ std::uint64_t MTAtomicUnsigned64Sim::Decrement() {
 }
 
 std::uint64_t MTAtomicUnsigned64Sim::Add(std::uint64_t summand) {
-  const SimAtomicStep step(this, SimEvent::kAtomicChanged);
+  SimAtomicStep step(this, SimEvent::kAtomicChanged);
+  step.OnChange();
   return static_cast<std::uint32_t>(value_ += summand);
 }
 
 bool MTAtomicUnsigned64Sim::CompareAndSwap(std::uint64_t expected, std::uint64_t desired) {
-  const SimAtomicStep step(this, SimEvent::kAtomicCompared);
+  SimAtomicStep step(this, SimEvent::kAtomicCompared);
   const std::uint64_t previous = value_;
-  if (previous == expected) value_ = desired;
+  if (previous == expected) {
+    step.OnChange();
+    value_ = desired;
+  }
   return static_cast<std::uint32_t>(previous) == expected;
 }
 

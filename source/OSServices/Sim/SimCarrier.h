@@ -19,7 +19,7 @@ class SimCarrier {
   // `thread` will never have control again; its stack is left as it is.
   virtual void Abandon(SimThread* thread) = 0;
 
-  // What a thread does; ends with a Switch.
+  // What a thread does; ends with a Switch. Begins and ends inside of SimIgnoreBegin.
   using Entry = void (*)(SimThread* thread);
 };
 

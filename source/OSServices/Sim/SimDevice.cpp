@@ -204,6 +204,7 @@ void SimDevice::EndHanging() {
 
 void SimDevice::MoveIntoMemory(const Transfer& transfer, std::uint64_t bytes) {
   CheckMemory(transfer);
+  if (bytes == 0) return;
   const unsigned char* from = transfer.snapshot.data();
   for (const MemoryRun& run : transfer.runs) {
     const std::uint64_t length = std::min<std::uint64_t>(run.length, bytes);

@@ -95,19 +95,31 @@ class FiberCarrier : public SimCarrier {
 
 FiberCarrier* FiberCarrier::carrier = nullptr;
 
+void* MapStack(void* address, std::size_t size, int flags) {
+  void* const memory = mmap(address, size, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | flags, -1, 0);
+  if (memory == MAP_FAILED) std::abort();
+  return memory;
+}
+
 Fiber* FiberCarrier::TakeFiber() {
   if (!idle_.empty()) {
     Fiber* const fiber = idle_.back();
     idle_.pop_back();
+    // The last frames on it have never returned.
+    SimUnpoison(fiber->stack, fiber->stackBytes);
+#if defined(ORVANE_SIM_TSAN)
+    // Who was on it before shares nothing with the next one.
+    MapStack(fiber->stack, fiber->stackBytes, MAP_FIXED);
+#endif
     return fiber;
   }
   auto* const fiber = new Fiber;
-  void* const memory = mmap(nullptr, kStackBytes + kGuardBytes, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (memory == MAP_FAILED) std::abort();
+  void* const memory = MapStack(nullptr, kStackBytes + kGuardBytes, 0);
   mprotect(memory, kGuardBytes, PROT_NONE);
   fiber->stack = static_cast<unsigned char*>(memory) + kGuardBytes;
   fiber->stackBytes = kStackBytes;
+  SimKeepReachable(fiber->stack, fiber->stackBytes);
   return fiber;
 }
 
@@ -140,7 +152,12 @@ void FiberCarrier::Switch(SimThread* from, SimThread* to) {
   if (ends) ended_ = fromFiber;
   starting_ = to;
 #if defined(ORVANE_SIM_TSAN)
-  if (!from) root_.tsanFiber = __tsan_get_current_fiber();
+  if (!from) {
+    root_.tsanFiber = __tsan_get_current_fiber();
+    // Of each of them, in turn, although it stays where it is.
+    AnnotateBenignRaceSized(__FILE__, __LINE__, &GetThreadState(), sizeof(ThreadState),
+                            "exchanged at every switch");
+  }
 #endif
   Hand(fromFiber, toFiber, ends);
   Arrive();
@@ -148,6 +165,8 @@ void FiberCarrier::Switch(SimThread* from, SimThread* to) {
 
 void FiberCarrier::Hand(Fiber* from, Fiber* to, [[maybe_unused]] bool ends) {
 #if defined(ORVANE_SIM_TSAN)
+  // One that still ignores something must not be destroyed.
+  if (ends) SimIgnoreEnd();
   __tsan_switch_to_fiber(to->tsanFiber, __tsan_switch_to_fiber_no_sync);
 #endif
 #if defined(ORVANE_SIM_ASAN)
@@ -180,6 +199,7 @@ void FiberCarrier::Arrive() {
 }
 
 void FiberCarrier::Start() {
+  SimIgnoreBegin();
 #if defined(ORVANE_SIM_ASAN)
   const void* leftStack = nullptr;
   std::size_t leftBytes = 0;

@@ -11,6 +11,7 @@ namespace {
 
 // Bit k of entered[c]: class k was entered while one of class c was held.
 std::array<std::uint32_t, kLockClassCount> entered{};
+std::uint32_t met = 0;  // classes
 static_assert(kLockClassCount <= 32, "a set of classes is one word");
 
 constexpr std::size_t Index(LockClass lockClass) {
@@ -52,6 +53,7 @@ void LearnEdge(SimWorld* world, const MTCritSecSim* outer, const MTCritSecSim* i
 
 void SimLockOrder::BeforeEnter(SimWorld* world, const SimThread* thread, const MTCritSecSim* lock) {
   const SimHeldLocks& held = thread->held;
+  met |= Bit(lock->GetClass());
   for (std::size_t k = 0; k < held.count; ++k) {
     const LockClass outer = held.locks[k]->GetClass();
     const bool seen = (entered[Index(outer)] & Bit(lock->GetClass())) != 0;
@@ -71,6 +73,8 @@ void SimLockOrder::AfterLeave(SimThread* thread, const MTCritSecSim* left) {
 std::string SimLockOrder::ToText() {
   std::string text;
   for (std::size_t from = 0; from < Index(LockClass::kOther); ++from) {
+    if (!(met & (std::uint32_t{1} << from))) continue;
+    text += std::string(Orvane::ToText(static_cast<LockClass>(from))) + "\n";
     for (std::size_t to = 0; to < Index(LockClass::kOther); ++to) {
       if (!(entered[from] & (std::uint32_t{1} << to))) continue;
       text += std::string(Orvane::ToText(static_cast<LockClass>(from))) + " -> " +

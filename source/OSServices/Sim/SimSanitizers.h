@@ -11,12 +11,14 @@
 #define ORVANE_SIM_ASAN 1
 #endif
 #endif
-#if defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_THREAD__) && !defined(ORVANE_SIM_TSAN)
 #define ORVANE_SIM_TSAN 1
 #endif
 #if defined(__SANITIZE_ADDRESS__)
 #define ORVANE_SIM_ASAN 1
 #endif
+
+#include <cstddef>
 
 #if defined(ORVANE_SIM_TSAN)
 #include <sanitizer/tsan_interface.h>
@@ -25,13 +27,14 @@ void AnnotateIgnoreReadsBegin(const char* file, int line);
 void AnnotateIgnoreReadsEnd(const char* file, int line);
 void AnnotateIgnoreWritesBegin(const char* file, int line);
 void AnnotateIgnoreWritesEnd(const char* file, int line);
+void AnnotateBenignRaceSized(const char* file, int line, const volatile void* memory,
+                             std::size_t size, const char* why);
 }
 #endif
 #if defined(ORVANE_SIM_ASAN)
 #include <sanitizer/asan_interface.h>
+#include <sanitizer/lsan_interface.h>
 #endif
-
-#include <cstddef>
 
 namespace Orvane {
 
@@ -61,6 +64,14 @@ inline void SimIgnoreEnd() {
 #endif
 }
 
+class SimIgnoring {
+ public:
+  SimIgnoring() { SimIgnoreBegin(); }
+  ~SimIgnoring() { SimIgnoreEnd(); }
+  SimIgnoring(const SimIgnoring&) = delete;
+  SimIgnoring& operator=(const SimIgnoring&) = delete;
+};
+
 inline void SimPoison([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t size) {
 #if defined(ORVANE_SIM_ASAN)
   __asan_poison_memory_region(memory, size);
@@ -69,6 +80,14 @@ inline void SimPoison([[maybe_unused]] void* memory, [[maybe_unused]] std::size_
 inline void SimUnpoison([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t size) {
 #if defined(ORVANE_SIM_ASAN)
   __asan_unpoison_memory_region(memory, size);
+#endif
+}
+
+// Memory from which others may be reached, as from a stack: what a run that failed leaves behind is
+// meant to stay.
+inline void SimKeepReachable([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t size) {
+#if defined(ORVANE_SIM_ASAN)
+  __lsan_register_root_region(memory, size);
 #endif
 }
 

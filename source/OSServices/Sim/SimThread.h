@@ -51,6 +51,7 @@ struct SimThread {
   // How deep it is in the simulator's own code, whose allocations are nobody's business. It starts
   // and ends there.
   int depthInside = 1;
+  char handOver = 0;  // stands for what it did before it lost control last, see SimPublish
   SimHeldLocks held;
   // Of a thread that does not run, where several share one of the host's.
   ThreadState libraryState;

@@ -17,9 +17,12 @@ namespace {
 // Control changes hands unseen; the simulated primitives say what is ordered.
 constexpr std::memory_order kTake = std::memory_order_relaxed;
 constexpr std::memory_order kGive = std::memory_order_relaxed;
+// What one thread of a world has done is not ordered before what the next one does.
+constexpr bool kRunnersAreKept = false;
 #else
 constexpr std::memory_order kTake = std::memory_order_acquire;
 constexpr std::memory_order kGive = std::memory_order_release;
+constexpr bool kRunnersAreKept = true;
 #endif
 
 // Waits for control.
@@ -74,23 +77,22 @@ void ThreadCarrier::Prepare(SimThread* thread) {
   auto* const runner = new Runner;
   runner->thread = thread;
   thread->context = runner;
-  // Never joined: it waits for its next thread until the process ends.
+  // Never joined: it ends, or waits for its next thread until the process ends.
   std::thread([this, runner] { RunnerMain(runner); }).detach();
 }
 
 void ThreadCarrier::RunnerMain(Runner* runner) {
   SimIgnoreBegin();
-  for (;;) {
+  do {
     runner->gate.Take();
-    SimIgnoreEnd();
     entry_(runner->thread);
-    SimIgnoreBegin();
-  }
+  } while (kRunnersAreKept);
+  SimIgnoreEnd();
 }
 
 void ThreadCarrier::Switch(SimThread* from, SimThread* to) {
   const bool ends = from && from->finished;
-  if (ends) idle_.push_back(RunnerOf(from));
+  if (ends && kRunnersAreKept) idle_.push_back(RunnerOf(from));
   Gate& mine = from ? RunnerOf(from)->gate : root_;
   (to ? RunnerOf(to)->gate : root_).Give();
   if (!ends) mine.Take();

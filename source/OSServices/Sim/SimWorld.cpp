@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <exception>
 #include <utility>
 
 #include "OSServices/Sim/MTPrimitivesSim.h"
@@ -45,6 +46,19 @@ const char* ToText(SimulatedPolicy policy) {
   return kTexts[static_cast<std::size_t>(policy)];
 }
 
+// Of the one that is being handled: ": " and what it says, if it says something.
+std::string TextOfException() {
+  try {
+    throw;
+  } catch (const std::exception& exception) {
+    return std::string(": ") + exception.what();
+  } catch (const char* text) {
+    return std::string(": ") + text;
+  } catch (...) {
+    return std::string();
+  }
+}
+
 }  // namespace
 
 SimWorld* SimWorld::current = nullptr;
@@ -71,6 +85,7 @@ SimWorld::SimWorld(const SimulationSetup& setup, std::unique_ptr<SimPolicy> poli
 SimWorld::~SimWorld() = default;
 
 SimulationResult SimWorld::Run(std::function<void()> firstThread) {
+  const SimIgnoring ignoring;
   current = this;
   SimThread* const first =
       StartThread("the scenario", MTThread::kPriorityNormal, std::move(firstThread));
@@ -78,7 +93,8 @@ SimulationResult SimWorld::Run(std::function<void()> firstThread) {
   carrier_->Switch(nullptr, first);
   if (!failed_) CheckLeftovers();
   for (const auto& thread : threads_) {
-    if (!thread->finished) carrier_->Abandon(thread.get());
+    SimObserve(&thread->handOver);
+    if (!thread->finished) Abandon(thread.get());
   }
   current = nullptr;
 
@@ -97,19 +113,28 @@ SimulationResult SimWorld::Run(std::function<void()> firstThread) {
   return result;
 }
 
+// It is in the middle of something: what it holds is never destroyed.
+void SimWorld::Abandon(SimThread* thread) {
+  carrier_->Abandon(thread);
+  static_cast<void>(new std::function<void()>(std::move(thread->main)));
+}
+
 void SimWorld::ThreadEntry(SimThread* thread) {
   SimObserve(thread);
+  SimIgnoreEnd();
   thread->depthInside = 0;
   try {
     thread->main();
+    // What it was given ends in the world, too.
+    thread->main = nullptr;
   } catch (...) {
-    current->Fail("an exception escapes from " + thread->name);
+    const SimInside inside;
+    current->Fail("an exception escapes from " + thread->name + TextOfException());
   }
   SimPublish(thread);
   thread->depthInside = 1;
   SimIgnoreBegin();
   current->EndThread();
-  SimIgnoreEnd();
 }
 
 SimThread* SimWorld::StartThread(std::string name, MTThread::MTPriority priority,
@@ -177,6 +202,7 @@ void SimWorld::SwitchTo(SimThread* next) {
   SimThread* const from = running_;
   if (next == from) return;
   running_ = next;
+  SimPublish(&from->handOver);
   carrier_->Switch(from, next);
 }
 
@@ -257,6 +283,11 @@ void SimWorld::WaitForQuiet() {
   quiet_.isAwaited = true;
   Wait(&quiet_, kSimNever);
   quiet_.isAwaited = quiet_.isThere = false;
+  ObserveAll();
+}
+
+void SimWorld::ObserveAll() {
+  for (const auto& thread : threads_) SimObserve(&thread->handOver);
 }
 
 void SimWorld::NobodyCanGoOn() {
@@ -300,7 +331,9 @@ void SimWorld::Fail(const std::string& text) {
   }
   SimThread* const from = running_;
   running_ = nullptr;
-  // A thread that fails again while it is abandoned has nowhere to go back to.
+  // It stays here for ever, also when it was at its end.
+  from->finished = false;
+  SimPublish(&from->handOver);
   carrier_->Switch(from, nullptr);
   std::abort();
 }

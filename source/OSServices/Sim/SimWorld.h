@@ -59,6 +59,8 @@ class SimWorld {
   // Until no other thread can go on and no transfer can end, however much time passes. One thread
   // at a time.
   void WaitForQuiet();
+  // What all threads have done so far has happened for the one that runs.
+  void ObserveAll();
   [[noreturn]] void Fail(const std::string& text);
   void Note(const std::string& text);
 
@@ -98,6 +100,7 @@ class SimWorld {
 
  private:
   void SwitchTo(SimThread* next);
+  void Abandon(SimThread* thread);
   void EndThread();
   SimThread* ChooseNext();
   void Collect(SimCandidates* candidates);

@@ -39,6 +39,7 @@ void RunFirstThread(SimWorld* world, const std::function<void()>& scenario) {
 
 SimulationResult RunWorld(const SimulationSetup& setup, std::unique_ptr<SimPolicy> policy,
                           const std::function<void()>& scenario) {
+  const SimIgnoring ignoring;
   SimArena::Reset();
   SimPages::Reset();
   SimPrimitive::RenewAll();
@@ -182,6 +183,7 @@ void Simulator::WaitUntil(const std::function<bool()>& condition) {
   const SimInside inside;
   Condition waitable(&condition);
   while (!condition()) World().Wait(&waitable, kSimNever);
+  World().ObserveAll();
 }
 
 void Simulator::Settle() {
@@ -276,9 +278,11 @@ std::uint64_t SimulatedFiles::GetLostWrites() {
 SimulatorAllocations::Exempt::Exempt() {
   SimWorld* const world = SimWorld::Current();
   if (world) ++world->Running()->depthInside;
+  SimIgnoreBegin();
 }
 
 SimulatorAllocations::Exempt::~Exempt() {
+  SimIgnoreEnd();
   SimWorld* const world = SimWorld::Current();
   if (world) --world->Running()->depthInside;
 }
