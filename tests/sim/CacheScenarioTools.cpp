@@ -21,8 +21,6 @@ EveryOrder::~EveryOrder() {
   Simulator::VaryOrder(false);
 }
 
-
-
 SimRequest& StartedRequests::Add(SimRequest& request) {
   const SimulatorAllocations::Exempt exempt;
   requests_.push_back(&request);

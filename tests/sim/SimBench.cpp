@@ -189,6 +189,19 @@ SimTime SimSource::ShowsFrom(SimTime begin, std::uint64_t offset, std::uint64_t 
   return from;
 }
 
+// A write may move the end, so blocks that it does not meet forget where they thought it was.
+SimTime SimSource::ShowsEndFrom(SimTime begin) const {
+  if (!cache_) return begin;
+  SimTime from = 0;
+  for (const Event& event : events_) {
+    const bool isWrite = !event.everything && event.forgetsBefore == event.end;
+    if ((isWrite || event.everything) && event.end <= begin) {
+      from = std::max(from, event.forgetsBefore);
+    }
+  }
+  return from;
+}
+
 SimBench::SimBench() {
   SimMemory::Reset();
   forbidsMemory_ = Simulator::Random(8) == 0;

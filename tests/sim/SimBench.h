@@ -146,6 +146,7 @@ class SimSource {
   bool MayFailSince(SimTime begin, std::uint64_t offset, std::uint64_t size) const;
   bool MayBeRefusedSince(SimTime begin) const;
   SimTime ShowsFrom(SimTime begin, std::uint64_t offset, std::uint64_t size) const;
+  SimTime ShowsEndFrom(SimTime begin) const;
 
   SimBench* const bench_;
   SimFileModel* const file_;

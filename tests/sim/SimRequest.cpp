@@ -239,7 +239,8 @@ void SimRequest::CheckBytes() {
   if (SimulatedFiles::GetLostWrites() != 0) return;
   const Exempt exempt;
   const SimFileModel& file = source_->File();
-  const SimTime showsFrom = source_->ShowsFrom(begin_, offset_, size_);
+  const SimTime showsFrom =
+      std::max(source_->ShowsFrom(begin_, offset_, size_), source_->ShowsEndFrom(begin_));
   const auto clip = [this](std::uint64_t end) {
     return end <= offset_ ? 0 : std::min(end - offset_, size_);
   };

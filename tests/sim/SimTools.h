@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "Orvane.h"
 #include "OrvaneSimulator.h"
@@ -25,7 +26,7 @@ class Crew {
   void Start(Main main) {
     const SimulatorAllocations::Exempt exempt;
     ++running_;
-    Simulator::Spawn([this, main] {
+    Simulator::Spawn([this, main = std::move(main)]() mutable {
       main();
       --running_;
     });
