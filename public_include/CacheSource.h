@@ -55,6 +55,8 @@ class ORVANE_EXPORT CacheSource : public SharedObject {
   // False, with the request untouched, if they do not meet; a range that is merely touched does not
   // meet. A request of size 0 that starts inside meets with size 0.
   // KEPT: one of size 0 at the very end of the range becomes the whole range.
+  // REQUIRES: the ends of both are below 2^64. Otherwise the answer may be wrong, and what it clips
+  // to as well.
   static bool GetRangeIntersection(std::uint64_t& offset, std::uint64_t& size,
                                    std::uint64_t rangeOffset, std::uint64_t rangeSize);
 

@@ -198,6 +198,19 @@ TEST_F(CacheBlockTest, ValidAndFreeIsLeftForEmptyByInvalidation) {
   ExpectEmpty();
 }
 
+TEST_F(CacheBlockTest, TheLastBlockOfAllOffsetsIsInvalidatedByItsRange) {
+  constexpr std::uint64_t kLast = 0 - kBlock;
+  Reader reader(source_, kLast, 50);
+  ASSERT_TRUE(block_->LockForReadInto(reader));
+  PutBytes(block_.get(), contents_.substr(0, kBlock));
+  block_->CompleteReadInto(kBlock, CacheSource::kResultOK);
+  block_->ProcessPendingTransactions(nullptr);
+  block_->InvalidateByRange(source_, kLast - 10, 10);
+  EXPECT_EQ(kBlock, block_->GetValidBytes());
+  block_->InvalidateByRange(source_, kLast + 10, 1);
+  ExpectEmpty();
+}
+
 TEST_F(CacheBlockTest, InvalidationFailsThoseThatWait) {
   MakeValid();
   Reader first(source_, kBlock, 10);

@@ -1,6 +1,7 @@
 #include "Cache/CacheBlock.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "Buffer.h"
@@ -269,6 +270,15 @@ void CacheBlock::InvalidateByRange(CacheSource* source, std::uint64_t offset, st
   Invalidate(source, /*withRange=*/true, offset, size);
 }
 
+bool CacheBlock::MeetsRange(std::uint64_t offset, std::uint64_t size) const {
+  // The end of the last block of all cannot be named.
+  constexpr std::uint64_t kTop = std::numeric_limits<std::uint64_t>::max();
+  if (sourceOffset_ > kTop - capacity_) {
+    return offset >= sourceOffset_ || sourceOffset_ - offset < size;
+  }
+  return CacheSource::GetRangeIntersection(offset, size, sourceOffset_, capacity_);
+}
+
 void CacheBlock::Invalidate(CacheSource* source, bool withRange, std::uint64_t offset,
                             std::uint64_t size) {
   if (!buffer_ || !source) return;
@@ -280,10 +290,7 @@ void CacheBlock::Invalidate(CacheSource* source, bool withRange, std::uint64_t o
     CacheBlockList::Lock listLock(list_);
     CritSecLock lock(lock_.get());
     if (sourceKey_ != source->GetSourceKey()) return;
-    if (withRange && (validBytes_ == 0 ||
-                      !CacheSource::GetRangeIntersection(offset, size, sourceOffset_, capacity_))) {
-      return;
-    }
+    if (withRange && (validBytes_ == 0 || !MeetsRange(offset, size))) return;
     Doom();
     Forget();
     waiting.swap(pending_);

@@ -147,6 +147,7 @@ class CacheBlock : public SortedObject {
   bool FailEntry(const Entry& entry);
   void DropEntry(const Entry& entry, const char* function);
   void Invalidate(CacheSource* source, bool withRange, std::uint64_t offset, std::uint64_t size);
+  bool MeetsRange(std::uint64_t offset, std::uint64_t size) const ORVANE_REQUIRES(lock_);
   void Forget() ORVANE_REQUIRES(lock_);
   void Settle() ORVANE_REQUIRES(lock_);
 
