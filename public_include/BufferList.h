@@ -60,8 +60,8 @@ class ORVANE_EXPORT BufferList : public SharedObject {
   // only one of the two can be undone with UnlockAllBuffers.
   // KEPT: a failed call unlocks one buffer more than it has locked and accepted: the one that
   // refused the lock, or the one behind the buffer that failed a later check (none at the end of
-  // the list). Callers rely on it. A buffer that was not locked by anybody has a count below 0 then,
-  // and its next Lock does not succeed.
+  // the list). Callers rely on it. A buffer that was not locked by anybody has a count below 0
+  // then, and its next Lock does not succeed.
   void* LockAllBuffers(bool countPages, std::size_t* pageCount, std::size_t* contiguousSize);
   // Unlocks every buffer, last to first. Does nothing for null or for anything but the last token.
   void UnlockAllBuffers(void* lockedAddress);
