@@ -141,6 +141,8 @@ class Simulator {
   static void WaitUntil(const std::function<bool()>& condition);
   // Waits until no other thread can go on and no transfer can end, however much time passes.
   static void Settle();
+  // Whether the run prints its trace: notes that cost something need not be made otherwise.
+  static bool IsTracing();
   // A line of the trace.
   static void Note(const std::string& text);
   // For ExploreAll: whether the order from here on is varied, as it is at first. While it is not,

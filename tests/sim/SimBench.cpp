@@ -139,9 +139,11 @@ std::size_t SimSource::BeginEvent(bool everything, bool closes, std::uint64_t of
 
 void SimSource::EndEvent(std::size_t event) {
   events_[event].end = Simulator::GetStep();
-  // What was read before the end of a write is not shown by reads that begin after it.
-  const bool write = !events_[event].everything && events_[event].forgetsBefore == 0;
-  if (write) events_[event].forgetsBefore = events_[event].end;
+}
+
+// Of a write: what was read before its end is not shown by reads that begin after it.
+void SimSource::ForgetFrom(std::size_t write) {
+  events_[write].forgetsBefore = Simulator::GetStep();
 }
 
 // Whether nobody else has opened, closed or released it since the event began.

@@ -72,6 +72,8 @@ class SimRequest {
   bool MayFail() const;
   bool MayHaveWaitedTooLong() const;
   [[noreturn]] void Fail(const std::string& what) const;
+  std::string ToText() const;
+  void Note(const char* what) const;
   void CheckAtEnd();
 
   SimSource* const source_;
@@ -139,6 +141,7 @@ class SimSource {
   SimSource(SimBench* bench, SimFileModel* file, Cache* cache);
   std::size_t BeginEvent(bool everything, bool closes, std::uint64_t offset, std::uint64_t size);
   void EndEvent(std::size_t event);
+  void ForgetFrom(std::size_t write);
   bool IsAlone(std::size_t event) const;
   void CheckReported(SimTime acceptedBy) const;
   SimRequest& Make(bool isWrite, std::uint64_t offset, std::uint64_t size, SimRequestForm form,

@@ -53,6 +53,7 @@ void SimRequest::Prepare() {
   const Exempt exempt;
   begin_ = Simulator::GetStep();
   beginMicro_ = Simulator::GetTimeMicro();
+  Note("begins");
   if (!isWrite_) return;
   version_ = source_->File().BeginWrite(offset_, size_, begin_);
   std::vector<unsigned char> data(size_);
@@ -269,10 +270,14 @@ void SimRequest::CheckUnlocked() {
 
 void SimRequest::End() {
   const Exempt exempt;
+  Note("ends");
   if (isWrite_) {
     // A write that the device has lost is reported as done all the same.
     const bool good = result_ == CacheSource::kResultOK && SimulatedFiles::GetLostWrites() == 0;
     source_->File().EndWrite(version_, end_, good);
+    // One that was refused has changed nothing that a cache would have to forget.
+    const bool wasStarted = reports_ != 0 || result_ == CacheSource::kResultOK;
+    if (wasStarted) source_->ForgetFrom(writeEvent_);
     source_->EndEvent(writeEvent_);
   }
   memory_->LetGo(afterwards_);
@@ -302,11 +307,22 @@ bool SimRequest::MayHaveWaitedTooLong() const {
 
 void SimRequest::Fail(const std::string& what) const {
   const Exempt exempt;
-  Simulator::Fail(what + ": a " + (isWrite_ ? "write" : "read") + " of " + std::to_string(size_) +
-                  " bytes at " + std::to_string(offset_) + " of " + source_->File().Name() +
-                  (source_->GetCache() ? ", cached" : "") + ", begun at step " +
-                  std::to_string(begin_) + ", result " + std::to_string(result_) + ", " +
-                  std::to_string(bytes_) + " bytes");
+  Simulator::Fail(what + ": " + ToText());
+}
+
+std::string SimRequest::ToText() const {
+  return std::string("a ") + (isWrite_ ? "write" : "read") + " of " + std::to_string(size_) +
+         " bytes at " + std::to_string(offset_) + " of " + source_->File().Name() +
+         (source_->GetCache() ? ", cached, key " : ", key ") +
+         std::to_string(source_->Get()->GetSourceKey()) + ", begun at step " +
+         std::to_string(begin_) + ", result " + std::to_string(result_) + ", " +
+         std::to_string(bytes_) + " bytes";
+}
+
+void SimRequest::Note(const char* what) const {
+  if (!Simulator::IsTracing()) return;
+  const Exempt exempt;
+  Simulator::Note(what + (": " + ToText()));
 }
 
 void SimRequest::CheckAtEnd() {

@@ -191,6 +191,10 @@ void Simulator::Settle() {
   World().WaitForQuiet();
 }
 
+bool Simulator::IsTracing() {
+  return World().Setup().printTrace;
+}
+
 void Simulator::Note(const std::string& text) {
   const SimInside inside;
   World().Note(text);
