@@ -65,8 +65,8 @@ struct SimulationSetup {
   SimulatedCarrier carrier = SimulatedCarrier::kFibers;
   SimulatedPolicy policy = SimulatedPolicy::kBySeed;
   SimulatedFaults faults;
-  // The time at the start, in microseconds; kBySeed: a few of interest, some of them just before
-  // the wrap of the millisecond clock.
+  // The time at the start, in microseconds, below 2^62; kTimeBySeed: a few of interest, some of
+  // them just before the wrap of the millisecond clock.
   static constexpr std::uint64_t kTimeBySeed = ~std::uint64_t{0};
   std::uint64_t startMicro = kTimeBySeed;
   bool timeJumps = true;            // time may also jump while there is work to do, by the seed
@@ -108,19 +108,24 @@ class Simulator {
   // wait for.
   static void Install();
 
-  // Runs `scenario` as the first thread of a new world, and ends the world: what the scenario
-  // started must have ended, what it made must be gone. A run that failed is abandoned in the
-  // middle, with its memory; the next one starts afresh.
+  // Not inside of a run; after Install. Runs `scenario` as the first thread of a new world, and
+  // ends the world: what the scenario started must have ended, what it made must be gone. A run
+  // that failed is abandoned in the middle, with its memory; the next one starts afresh.
   static SimulationResult Run(const SimulationSetup& setup, const std::function<void()>& scenario);
-  // Runs with the seeds from setup.seed on, until one fails.
+  // Runs with the seeds from setup.seed on, until one fails. The result is that of the last run,
+  // but for `runs`, `steps` and `faults`, which are those of all of them.
   static SimulationResult Explore(const SimulationSetup& setup, std::uint64_t runs,
                                   const std::function<void()>& scenario);
   // Runs every schedule with at most `preemptions` changes away from a thread that could go on
   // (policy and seed play no part in who runs), until one fails or maxRuns were made. Without
-  // faults by chance and time jumps.
+  // faults by chance and time jumps. What is left to the device, such as how long a transfer takes
+  // and which of several ends first, stays as the seed says. The result is that of the last run,
+  // but for `runs`.
   static SimulationResult ExploreAll(const SimulationSetup& setup, unsigned preemptions,
                                      std::uint64_t maxRuns, const std::function<void()>& scenario);
-  // The least switches of threads with which the run of `setup` still fails.
+  // The least switches of threads with which the run of `setup` still fails, with the same line but
+  // for numbers in it: SimulationResult::switches, for a run with kReplay. None of them can be left
+  // out. Takes as many runs as there are switches, or a few times as many.
   static SimulationResult Minimise(const SimulationSetup& setup,
                                    const std::function<void()>& scenario);
 
@@ -136,8 +141,9 @@ class Simulator {
   // Starts a thread of the application. Needs no MTThread and never fails; a run ends only when it
   // has returned.
   static void Spawn(std::function<void()> main);
-  // Waits until `condition` holds, which is asked whenever somebody is to be chosen to go on: it
-  // looks at things and calls nothing of the library.
+  // Waits until `condition` holds, which is asked whenever somebody is to be chosen to go on, by
+  // whichever thread: it looks at things, calls nothing of the library and throws nothing. Time
+  // does not pass for its sake.
   static void WaitUntil(const std::function<bool()>& condition);
   // Waits until no other thread can go on and no transfer can end, however much time passes.
   static void Settle();
@@ -151,7 +157,8 @@ class Simulator {
   static void VaryOrder(bool varied);
   // From the seed; below `limit`, which is not 0. Independent of the schedule's own numbers.
   static std::uint64_t Random(std::uint64_t limit);
-  // From now on no fault is drawn and every transfer that hangs fails.
+  // From now on no fault is drawn, and no file hangs. Transfers that a fault lets hang still take
+  // their time and fail.
   static void StopFaults();
   // Text sent to MTInterface::DebugString since the last call.
   static std::string TakeDebugText();
@@ -176,7 +183,10 @@ class Simulator {
 // The files of the world, by name. Without a run: nothing to be called.
 class SimulatedFiles {
  public:
+  // Replaces the content of one that is there, also for whoever has it open.
   static void Create(const std::string& name, std::vector<unsigned char> content);
+  // Of those below only Exists and Read say something of a file that is not there: that it is not,
+  // and no bytes.
   static bool Exists(const std::string& name);
   static std::vector<unsigned char> Read(const std::string& name);
   static void Resize(const std::string& name, std::uint64_t size);
@@ -184,13 +194,17 @@ class SimulatedFiles {
   static void SetBuffered(const std::string& name, bool buffered);
   // Bytes of all files together; what would pass it fails.
   static void SetCapacity(std::uint64_t bytes);
-  // Microseconds that a transfer takes at most; 0: it ends at any time from its start on.
+  // Microseconds that a transfer takes at most, 300 at first; 0: it ends at any time from its start
+  // on.
   static void SetLatency(std::uint64_t micros);
   // From now on transfers of the file do not end before they are cancelled, or before it is called
   // with false.
   static void SetHanging(const std::string& name, bool hanging);
   // Writes that were reported as done and were not, so far.
   static std::uint64_t GetLostWrites();
+  // Transfers that were made to come short, so far: part of Simulator::GetFaults, but none that a
+  // request may fail of.
+  static std::uint64_t GetShortTransfers();
 
  private:
   SimulatedFiles();

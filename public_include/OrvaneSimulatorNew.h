@@ -1,8 +1,10 @@
-// Replaces `new` and `delete` of the program by such that take part in a simulation: an allocation
-// is a place where another thread may go on, and may fail (see OrvaneSimulator.h). Included by
-// exactly one source file of a program.
+// Replaces `new` and `delete` of the program, but for over-aligned types, by such that take part in
+// a simulation: an allocation is a place where another thread may go on, and may fail (see
+// OrvaneSimulator.h). Included by exactly one source file of a program.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -12,7 +14,7 @@ namespace Orvane {
 
 inline void* SimulatorAllocate(std::size_t size) noexcept {
   // The allocators of the sanitizers end the process where others refuse.
-  constexpr std::size_t kTooMuch = std::size_t{1} << 39;
+  constexpr std::uint64_t kTooMuch = std::uint64_t{1} << 39;
   if (!SimulatorAllocations::OnAllocation(size) || size > kTooMuch) return nullptr;
   return std::malloc(size == 0 ? 1 : size);
 }

@@ -23,6 +23,12 @@ class SimSource;
 // host was made to fail; ends the scenario early, which is no failure.
 struct SimSetupFailed {};
 
+// Whether anything has failed so far for which a call may fail in turn: one that comes short goes
+// on with the rest.
+inline bool HostHasFailed() {
+  return Simulator::GetFaults() > SimulatedFiles::GetShortTransfers();
+}
+
 // How a request is made.
 struct SimRequestForm {
   std::size_t pieces = 1;  // more than one: as a list
@@ -197,6 +203,10 @@ class SimBench {
   std::vector<std::unique_ptr<SimSource>> sources_;
   std::vector<std::unique_ptr<SimRequest>> requests_;
   std::vector<Cache*> caches_;
+  // Whether the calling thread is inside of a report of a request.
+  bool IsReporting() const;
+
+  std::vector<std::int64_t> reporting_;  // threads, once per report
   bool expectsErrors_ = false;
   bool forbidsMemory_ = false;
 };

@@ -12,6 +12,22 @@ using Exempt = SimulatorAllocations::Exempt;
 constexpr const char* kFile = "tests/sim/SimRequest";
 constexpr std::uint64_t kQueueMicros = 10000000;  // how long a request may wait to be issued
 
+// While the calling thread is inside of a report.
+class ReportMark {
+ public:
+  explicit ReportMark(std::vector<std::int64_t>* threads) : threads_(threads) {
+    const Exempt exempt;
+    threads_->push_back(thread_);
+  }
+  ~ReportMark() { threads_->erase(std::find(threads_->begin(), threads_->end(), thread_)); }
+  ReportMark(const ReportMark&) = delete;
+  ReportMark& operator=(const ReportMark&) = delete;
+
+ private:
+  std::vector<std::int64_t>* const threads_;
+  const std::int64_t thread_ = MTInterface::GetCurrentThreadID();
+};
+
 }  // namespace
 
 class SimRequest::BufferCallback : public FileSource::ResultCallbackBuffer {
@@ -94,7 +110,7 @@ void SimRequest::Start() {
   try {
     result = list_ ? StartWithList() : StartWithBuffer();
   } catch (const std::bad_alloc&) {
-    if (Simulator::GetFaults() == 0) Fail("a start has thrown without a reason");
+    if (!HostHasFailed()) Fail("a start has thrown without a reason");
     result = CacheSource::kResultError;
   }
   if (result == CacheSource::kResultPending) {
@@ -154,7 +170,7 @@ void SimRequest::RunSynchronously() {
                          : source->Read(offset_, buffers_[0], &bytes_);
     }
   } catch (const std::bad_alloc&) {
-    if (Simulator::GetFaults() == 0) Fail("a synchronous call has thrown without a reason");
+    if (!HostHasFailed()) Fail("a synchronous call has thrown without a reason");
     result_ = CacheSource::kResultError;
   }
   end_ = Simulator::GetStep();
@@ -179,14 +195,17 @@ void SimRequest::Report(CacheSource::Result_t result, std::uint64_t offset, std:
   end_ = Simulator::GetStep();
   CheckOutcome();
   End();
-  if (form_.onReport) form_.onReport(*this);
+  if (form_.onReport) {
+    const ReportMark mark(&source_->bench_->reporting_);
+    form_.onReport(*this);
+  }
   Simulator::Step();
 }
 
 void SimRequest::CheckRefusal() {
   // What began before is over before its outcome is known.
   end_ = Simulator::GetStep();
-  const bool excused = Simulator::GetFaults() > 0 || source_->bench_->expectsErrors_;
+  const bool excused = HostHasFailed() || source_->bench_->expectsErrors_;
   switch (result_) {
     case CacheSource::kResultBusy:
       if (form_.mayBeBusy || excused) return;
@@ -210,7 +229,7 @@ void SimRequest::CheckRefusal() {
 void SimRequest::CheckOutcome() {
   if (!memory_->IsIntactAround()) Fail("somebody wrote beside the buffers");
   CheckUnlocked();
-  const bool excused = Simulator::GetFaults() > 0 || source_->bench_->expectsErrors_;
+  const bool excused = HostHasFailed() || source_->bench_->expectsErrors_;
   switch (result_) {
     case CacheSource::kResultOK:
     case CacheSource::kResultPartial:

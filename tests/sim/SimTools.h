@@ -59,7 +59,7 @@ auto OrGiveUp(Make make) -> decltype(make()) {
   } catch (const char*) {
     // A thread cannot be started.
   }
-  if (Simulator::GetFaults() == 0) Simulator::Fail("something cannot be made");
+  if (!HostHasFailed()) Simulator::Fail("something cannot be made");
   throw SimSetupFailed();
 }
 

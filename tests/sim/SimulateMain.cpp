@@ -43,6 +43,7 @@ struct Options {
   std::uint64_t failAllocation = 0;
   bool andAllLater = false;
   bool noJumps = false;
+  bool noAllocationSteps = false;
   bool trace = false;
   bool list = false;
   bool lockOrder = false;
@@ -58,7 +59,37 @@ struct Progress {
   std::atomic<std::uint64_t> seed;
   std::atomic<std::uint64_t> scenario;
   std::atomic<std::uint64_t> failCall;
+  std::atomic<bool> andAllLater;
+  std::atomic<std::uint64_t> begun;  // runs, also those that a search makes: a sign of life
 };
+
+const std::map<std::string, Mode>& Modes() {
+  static const std::map<std::string, Mode> modes{
+      {"explore", Mode::kExplore},    {"twice", Mode::kTwice},
+      {"each-call", Mode::kEachCall}, {"each-allocation", Mode::kEachAllocation},
+      {"all-schedules", Mode::kAll},  {"minimise", Mode::kMinimise}};
+  return modes;
+}
+
+const std::map<std::string, SimulatedPolicy>& Policies() {
+  static const std::map<std::string, SimulatedPolicy> policies{
+      {"by-seed", SimulatedPolicy::kBySeed},
+      {"random", SimulatedPolicy::kRandom},
+      {"lazy", SimulatedPolicy::kLazy},
+      {"pct", SimulatedPolicy::kPCT},
+      {"starvation", SimulatedPolicy::kStarvation},
+      {"priorities", SimulatedPolicy::kPriorities},
+      {"replay", SimulatedPolicy::kReplay}};
+  return policies;
+}
+
+template <typename Value>
+std::string NameOf(const std::map<std::string, Value>& names, Value wanted) {
+  for (const auto& [name, value] : names) {
+    if (value == wanted) return name;
+  }
+  return std::string();
+}
 
 class Session {
  public:
@@ -72,6 +103,10 @@ class Session {
   void RunOne(const Scenario& scenario, std::uint64_t seed, Progress* progress);
   void EachCall(const Scenario& scenario, std::uint64_t seed, bool allocations, Progress* progress);
   SimulationSetup SetupFor(const Scenario& scenario, std::uint64_t seed) const;
+  std::string CommandFor(const Scenario& scenario, const SimulationSetup& setup) const;
+  std::string CommandAtEnd(const Progress& progress) const;
+  void AllSchedules(const Scenario& scenario, const SimulationSetup& setup, Progress* progress);
+  void Minimise(const Scenario& scenario, const SimulationSetup& setup, Progress* progress);
   SimulationResult Check(const Scenario& scenario, const SimulationSetup& setup,
                          Progress* progress);
   void Report(const Scenario& scenario, const SimulationSetup& setup,
@@ -83,9 +118,15 @@ class Session {
   const std::vector<const Scenario*> scenarios_;
 };
 
-std::string CommandFor(const Scenario& scenario, const SimulationSetup& setup) {
+std::string Session::CommandFor(const Scenario& scenario, const SimulationSetup& setup) const {
   std::string text = "scripts/simulate --scenario " + std::string(scenario.name) + " --seed " +
                      std::to_string(setup.seed) + " --seeds 1";
+  if (options_.mode == Mode::kTwice) text += " --mode twice";
+  if (setup.policy != SimulatedPolicy::kBySeed) {
+    text += " --policy " + NameOf(Policies(), setup.policy);
+  }
+  if (setup.carrier == SimulatedCarrier::kThreads) text += " --carrier threads";
+  if (options_.faults == "none" || options_.mode == Mode::kAll) text += " --faults none";
   if (setup.faults.failCall != 0) {
     text += " --fail-call " + std::to_string(setup.faults.failCall);
   }
@@ -94,6 +135,7 @@ std::string CommandFor(const Scenario& scenario, const SimulationSetup& setup) {
   }
   if (setup.faults.andAllLater) text += " --and-all-later";
   if (!setup.timeJumps) text += " --no-time-jumps";
+  if (options_.noAllocationSteps || options_.mode == Mode::kAll) text += " --no-allocation-steps";
   for (const auto& [step, thread] : setup.switches) {
     text += " --switch " + std::to_string(step) + ":" + std::to_string(thread);
   }
@@ -108,7 +150,8 @@ SimulationSetup Session::SetupFor(const Scenario& scenario, std::uint64_t seed) 
   setup.carrier = options_.carrier;
   setup.printTrace = options_.trace;
   setup.timeJumps = !options_.noJumps;
-  setup.allocationsAreSteps = seed % 4 == 0;
+  // Against 16, of which the faults are made: each kind of them meets both.
+  setup.allocationsAreSteps = seed % 3 == 0 && !options_.noAllocationSteps;
   if (options_.faults == "seed" && scenario.takesFaults) setup.faults = FaultsOfSeed(seed);
   if (options_.failCall != 0 || options_.failAllocation != 0) setup.faults = SimulatedFaults();
   setup.faults.failCall = options_.failCall;
@@ -121,6 +164,8 @@ SimulationResult Session::Check(const Scenario& scenario, const SimulationSetup&
                                 Progress* progress) {
   progress->seed = setup.seed;
   progress->failCall = std::max(setup.faults.failCall, setup.faults.failAllocationCall);
+  progress->andAllLater = setup.faults.andAllLater;
+  ++progress->begun;
   const SimulationResult result = Simulator::Run(setup, [&] { RunScenario(scenario); });
   ++progress->runs;
   progress->steps += result.steps;
@@ -131,7 +176,11 @@ SimulationResult Session::Check(const Scenario& scenario, const SimulationSetup&
 
 void Session::Report(const Scenario& scenario, const SimulationSetup& setup,
                      const SimulationResult& result, Progress* progress) {
-  if (++progress->failures > 5) return;
+  constexpr std::uint64_t kPrinted = 5;
+  if (++progress->failures > kPrinted) {
+    if (progress->failures == kPrinted + 1) std::printf("more failures are counted only\n");
+    return;
+  }
   std::printf("FAILED %s: %srepeat with: %s\n\n", scenario.name, result.report.c_str(),
               CommandFor(scenario, setup).c_str());
   std::fflush(stdout);
@@ -172,33 +221,51 @@ void Session::RunOne(const Scenario& scenario, std::uint64_t seed, Progress* pro
       if (!scenario.takesFaults) return;
       EachCall(scenario, seed, options_.mode == Mode::kEachAllocation, progress);
       return;
-    case Mode::kAll: {
-      if (!scenario.isSmall) return;
-      SimulationSetup plain = setup;
-      plain.faults = SimulatedFaults();
-      plain.allocationsAreSteps = false;
-      progress->seed = seed;
-      const SimulationResult result = Simulator::ExploreAll(
-          plain, options_.preemptions, options_.maxRuns, [&] { RunScenario(scenario); });
-      progress->runs += result.runs;
-      const bool complete = result.runs < options_.maxRuns;
-      std::printf("%-40s %10llu schedules%s\n", scenario.name,
-                  static_cast<unsigned long long>(result.runs),
-                  complete ? "" : ", not all of them");
-      std::fflush(stdout);
-      if (!result.ok) Report(scenario, plain, result, progress);
+    case Mode::kAll:
+      if (scenario.isSmall) AllSchedules(scenario, setup, progress);
       return;
-    }
-    case Mode::kMinimise: {
-      const SimulationResult result = Simulator::Minimise(setup, [&] { RunScenario(scenario); });
-      ++progress->runs;
-      if (result.ok) return;
-      SimulationSetup replay = setup;
-      replay.switches = result.switches;
-      Report(scenario, replay, result, progress);
+    case Mode::kMinimise:
+      Minimise(scenario, setup, progress);
       return;
-    }
   }
+}
+
+void Session::AllSchedules(const Scenario& scenario, const SimulationSetup& setup,
+                           Progress* progress) {
+  SimulationSetup plain = setup;
+  plain.faults = SimulatedFaults();
+  plain.timeJumps = false;
+  plain.allocationsAreSteps = false;
+  plain.recordSwitches = true;
+  progress->seed = setup.seed;
+  const SimulationResult result =
+      Simulator::ExploreAll(plain, options_.preemptions, options_.maxRuns, [&] {
+        ++progress->begun;
+        RunScenario(scenario);
+      });
+  progress->runs += result.runs;
+  const bool complete = result.ok && result.runs < options_.maxRuns;
+  std::printf("%-40s %10llu schedules%s\n", scenario.name,
+              static_cast<unsigned long long>(result.runs), complete ? "" : ", not all of them");
+  std::fflush(stdout);
+  if (result.ok) return;
+  plain.policy = SimulatedPolicy::kReplay;
+  plain.switches = result.switches;
+  Report(scenario, plain, result, progress);
+}
+
+void Session::Minimise(const Scenario& scenario, const SimulationSetup& setup, Progress* progress) {
+  progress->seed = setup.seed;
+  const SimulationResult result = Simulator::Minimise(setup, [&] {
+    ++progress->begun;
+    RunScenario(scenario);
+  });
+  ++progress->runs;
+  if (result.ok) return;
+  SimulationSetup replay = setup;
+  replay.policy = SimulatedPolicy::kReplay;
+  replay.switches = result.switches;
+  Report(scenario, replay, result, progress);
 }
 
 void Session::RunJob(unsigned job, unsigned jobs, Progress* progress) {
@@ -218,35 +285,58 @@ unsigned Session::Jobs() const {
   return static_cast<unsigned>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)));
 }
 
+// What a process did last that has ended in the middle of it.
+std::string Session::CommandAtEnd(const Progress& progress) const {
+  const Scenario& scenario = *scenarios_[progress.scenario];
+  SimulationSetup setup = SetupFor(scenario, progress.seed);
+  if (options_.mode == Mode::kEachCall || options_.mode == Mode::kEachAllocation) {
+    setup.faults = SimulatedFaults();
+    (options_.mode == Mode::kEachAllocation ? setup.faults.failAllocationCall
+                                            : setup.faults.failCall) = progress.failCall;
+    setup.faults.andAllLater = progress.andAllLater;
+  }
+  std::string command = CommandFor(scenario, setup);
+  if (options_.mode == Mode::kAll || options_.mode == Mode::kMinimise) {
+    command += " --mode " + NameOf(Modes(), options_.mode);
+    command += " --preemptions " + std::to_string(options_.preemptions);
+  }
+  return command;
+}
+
+// "signal 11", "exit code 1".
+std::string TextOfStatus(int status) {
+  return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
+                             : "exit code " + std::to_string(WEXITSTATUS(status));
+}
+
 // A world that goes wrong may end its process, or keep it for ever.
 bool Session::Watch(std::vector<pid_t> children, Progress* progress) {
   constexpr int kHangSeconds = 180;
+  constexpr int kLooksPerSecond = 50;
   bool good = true;
   std::vector<std::uint64_t> seen(children.size());
   std::vector<int> idle(children.size());
-  for (std::size_t left = children.size(); left > 0; usleep(20000)) {
+  for (std::size_t left = children.size(); left > 0; usleep(1000000 / kLooksPerSecond)) {
     for (std::size_t k = 0; k < children.size(); ++k) {
       if (children[k] == 0) continue;
       int status = 0;
       const bool ended = waitpid(children[k], &status, WNOHANG) == children[k];
-      const std::uint64_t now = progress[k].runs + progress[k].steps;
+      const std::uint64_t now = progress[k].begun;
       idle[k] = now == seen[k] ? idle[k] + 1 : 0;
       seen[k] = now;
-      const bool hangs =
-          !ended && options_.mode != Mode::kAll && idle[k] * 20 > kHangSeconds * 1000;
-      if (hangs) kill(children[k], SIGKILL);
+      if (!ended && idle[k] > kHangSeconds * kLooksPerSecond) kill(children[k], SIGKILL);
       if (!ended) continue;
       children[k] = 0;
       --left;
       if (WIFEXITED(status) && WEXITSTATUS(status) == 0) continue;
       good = false;
-      SimulationSetup setup;
-      setup.seed = progress[k].seed;
-      (options_.mode == Mode::kEachAllocation ? setup.faults.failAllocationCall
-                                              : setup.faults.failCall) = progress[k].failCall;
+      // The one it was at; what it had still to do is left undone.
+      ++progress[k].runs;
       ++progress[k].failures;
-      std::printf("FAILED: the process ended (status %d) in %s\n", status,
-                  CommandFor(*scenarios_[progress[k].scenario], setup).c_str());
+      const bool hung = idle[k] > kHangSeconds * kLooksPerSecond;
+      std::printf("FAILED: a process %s (%s) before it was through with its share, in %s\n",
+                  hung ? "was ended, for it stood still," : "ended", TextOfStatus(status).c_str(),
+                  CommandAtEnd(progress[k]).c_str());
     }
   }
   return good;
@@ -267,6 +357,7 @@ void Session::PrintTotals(const Progress* progress, unsigned jobs, double second
               scenarios_.size(), static_cast<unsigned long long>(runs),
               static_cast<unsigned long long>(steps), static_cast<unsigned long long>(faults),
               seconds, static_cast<double>(runs) / std::max(seconds, 0.001));
+  if (runs == 0) std::printf("nothing was run\n");
   std::printf("%llu passed, %llu failed\n",
               static_cast<unsigned long long>(runs - std::min(runs, failures)),
               static_cast<unsigned long long>(failures));
@@ -280,7 +371,8 @@ int Session::Run() {
   const auto start = std::chrono::steady_clock::now();
   std::fflush(stdout);
   bool good = true;
-  if (jobs == 1) {
+  if (options_.carrier == SimulatedCarrier::kThreads && jobs == 1) {
+    // For debuggers: nobody watches.
     RunJob(0, 1, progress);
   } else {
     std::vector<pid_t> children;
@@ -297,8 +389,12 @@ int Session::Run() {
   }
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
   PrintTotals(progress, jobs, took.count());
-  for (unsigned k = 0; k < jobs; ++k) good = good && progress[k].failures == 0;
-  return good ? 0 : 1;
+  std::uint64_t runs = 0;
+  for (unsigned k = 0; k < jobs; ++k) {
+    good = good && progress[k].failures == 0;
+    runs += progress[k].runs;
+  }
+  return good && runs != 0 ? 0 : 1;
 }
 
 std::vector<const Scenario*> Choose(const Options& options) {
@@ -318,25 +414,14 @@ void AddOptions(CLI::App* app, Options* options) {
   app->add_option("--seeds", options->seeds, "Seeds per scenario (1000)");
   app->add_option("--seed", options->firstSeed, "The first seed (1)");
   app->add_option("--jobs", options->jobs, "Processes; one per processor without it");
-  const std::map<std::string, Mode> modes{
-      {"explore", Mode::kExplore},    {"twice", Mode::kTwice},
-      {"each-call", Mode::kEachCall}, {"each-allocation", Mode::kEachAllocation},
-      {"all-schedules", Mode::kAll},  {"minimise", Mode::kMinimise}};
   app->add_option("--mode", options->mode,
                   "explore; twice: every seed two times, with equal traces; each-call, "
                   "each-allocation: fail each in turn, alone and with all later ones; "
                   "all-schedules: of the small scenarios; minimise: the fewest switches of "
                   "threads with which a seed still fails")
-      ->transform(CLI::CheckedTransformer(modes));
-  const std::map<std::string, SimulatedPolicy> policies{
-      {"by-seed", SimulatedPolicy::kBySeed},
-      {"random", SimulatedPolicy::kRandom},
-      {"lazy", SimulatedPolicy::kLazy},
-      {"pct", SimulatedPolicy::kPCT},
-      {"starvation", SimulatedPolicy::kStarvation},
-      {"priorities", SimulatedPolicy::kPriorities}};
+      ->transform(CLI::CheckedTransformer(Modes()));
   app->add_option("--policy", options->policy, "Who runs next")
-      ->transform(CLI::CheckedTransformer(policies));
+      ->transform(CLI::CheckedTransformer(Policies()));
   const std::map<std::string, SimulatedCarrier> carriers{{"fibers", SimulatedCarrier::kFibers},
                                                          {"threads", SimulatedCarrier::kThreads}};
   app->add_option("--carrier", options->carrier, "fibers, or threads of the host")
@@ -347,6 +432,8 @@ void AddOptions(CLI::App* app, Options* options) {
   app->add_option("--fail-allocation", options->failAllocation, "The allocation that fails");
   app->add_flag("--and-all-later", options->andAllLater, "With all that follow");
   app->add_flag("--no-time-jumps", options->noJumps, "Time moves only when nobody can go on");
+  app->add_flag("--no-allocation-steps", options->noAllocationSteps,
+                "Threads are not switched at allocations");
   app->add_option("--preemptions", options->preemptions, "For all-schedules (2)");
   app->add_option("--max-runs", options->maxRuns, "For all-schedules, per scenario");
   app->add_flag("--trace", options->trace, "Print every step to standard error");
@@ -374,6 +461,8 @@ int main(int argc, char** argv) {
     scenarios = Orvane::Choose(options);
   } catch (const CLI::ParseError& error) {
     return app.exit(error);
+  } catch (const std::exception&) {
+    return app.exit(CLI::ValidationError("--switch is STEP:THREAD"));
   }
   if (options.list) {
     for (const Orvane::Scenario* const scenario : scenarios) {

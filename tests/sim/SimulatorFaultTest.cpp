@@ -15,6 +15,14 @@ void Allocate() {
   ::operator delete(::operator new(8));
 }
 
+// The address sanitizer would end the process.
+#if defined(__clang__) || defined(__GNUC__)
+__attribute__((no_sanitize("address")))
+#endif
+void WriteUnseen(unsigned char* place) {
+  *place = 1;
+}
+
 // Ten locks; answers which of them could not be made.
 std::vector<int> LocksThatFail(const SimulationSetup& setup) {
   std::vector<int> failed;
@@ -31,6 +39,15 @@ std::vector<int> LocksThatFail(const SimulationSetup& setup) {
   EXPECT_TRUE(result.ok) << result.report;
   EXPECT_EQ(result.faults, failed.size());
   return failed;
+}
+
+TEST_F(SimulatorFaultTest, WhoWritesBehindPagesIsFound) {
+  const SimulationResult result = Simulator::Run(PlainSetup(), [] {
+    Buffer* const buffer = PhysMemInterface::Allocate(kSimPage);
+    WriteUnseen(static_cast<unsigned char*>(buffer->GetAddress()) + kSimPage);
+    ReleaseObject(buffer);
+  });
+  EXPECT_NE(result.failure.find("wrote behind memory"), std::string::npos) << result.failure;
 }
 
 TEST_F(SimulatorFaultTest, ByChance) {

@@ -269,6 +269,33 @@ TEST_F(SimulatorScheduleTest, AllSchedulesFindWhatTakesTwoPreemptions) {
   ExpectGood(Simulator::ExploreAll(PlainSetup(), 0, 1000000, RaceOfTwoSteps));
 }
 
+TEST_F(SimulatorScheduleTest, AllSchedulesAreWithoutFaultsByChance) {
+  SimulationSetup setup = PlainSetup();
+  setup.faults.failPages = 1000;
+  const auto pages = [] {
+    Buffer* const buffer = PhysMemInterface::Allocate(kSimPage);
+    if (!buffer) Simulator::Fail("no pages");
+    ReleaseObject(buffer);
+  };
+  ExpectGood(Simulator::ExploreAll(setup, 1, 100, pages));
+  setup.faults.failCall = 1;
+  setup.faults.andAllLater = true;
+  EXPECT_FALSE(Simulator::ExploreAll(setup, 1, 100, pages).ok);
+}
+
+// What is drawn from the low bits of a seed meets every policy.
+TEST_F(SimulatorScheduleTest, PoliciesDoNotFollowTheLowBitsOfTheSeed) {
+  for (std::uint64_t low = 0; low < 16; ++low) {
+    std::set<SimulatedPolicy> met;
+    for (std::uint64_t k = 0; k < 100; ++k) met.insert(ChooseSimPolicy(16 * k + low));
+    EXPECT_EQ(met.size(), 5u) << low;
+  }
+}
+
+TEST_F(SimulatorScheduleTest, ARunInsideOfARunIsAFailure) {
+  ExpectFailure(PlainSetup(), "inside of a run", [] { Simulator::Run(PlainSetup(), [] {}); });
+}
+
 TEST_F(SimulatorScheduleTest, AllSchedulesStopAtTheirLimit) {
   EXPECT_EQ(Simulator::ExploreAll(PlainSetup(), 2, 10, RaceOfThreeSteps).runs, 10u);
 }
@@ -312,6 +339,29 @@ TEST_F(SimulatorScheduleTest, MinimiseLeavesFewSwitches) {
     EXPECT_TRUE(Simulator::Run(replay, RaceOfThreeSteps).ok) << k;
   }
   EXPECT_TRUE(Simulator::Minimise(setup, [] {}).ok);
+}
+
+// Fails in another way when nobody changes anything.
+TEST_F(SimulatorScheduleTest, MinimiseKeepsTheFailure) {
+  const auto scenario = [] {
+    int value = 0;
+    RunTogether({[&value] {
+                   Simulator::Step();
+                   value = 1;
+                   Simulator::Step();
+                   value = 2;
+                 },
+                 [&value] {
+                   Simulator::Step();
+                   if (value == 1) Simulator::Fail("it is in the middle, at 1");
+                 }});
+    Simulator::Fail("it never ends well");
+  };
+  SimulationSetup setup = PlainSetup(1, SimulatedPolicy::kRandom);
+  while (Simulator::Run(setup, scenario).failure != "it is in the middle, at 1") ++setup.seed;
+  const SimulationResult least = Simulator::Minimise(setup, scenario);
+  EXPECT_EQ(least.failure, "it is in the middle, at 1");
+  EXPECT_FALSE(least.switches.empty());
 }
 
 // How far time moves while a thread is busy all the time.

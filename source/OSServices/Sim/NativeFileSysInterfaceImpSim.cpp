@@ -20,7 +20,7 @@ class NativeFileSourceSim : public NativeFileSourceAsync {
   ~NativeFileSourceSim() override = default;
 
   HostFile* OpenHostFile(const char* name, bool forRead, bool forWrite, bool create) override {
-    return new HostFileSim(Find(name, forRead || forWrite, create));
+    return new HostFileSim(Find(name, forRead || forWrite, create), forRead, forWrite);
   }
 
   bool DeleteHostFile(const char* name) override {

@@ -38,6 +38,17 @@ bool Reserve(Pages* pages) {
   return true;
 }
 
+// Whether nobody wrote to the page out of use.
+void CheckBehind(const unsigned char* page) {
+  SimWorld* const world = SimWorld::Current();
+  if (!world) return;
+  SimUnpoison(page, SimPages::kPageBytes);
+  const bool intact = std::all_of(page, page + SimPages::kPageBytes,
+                                  [](unsigned char byte) { return byte == kUnwritten; });
+  SimPoison(page, SimPages::kPageBytes);
+  if (!intact) world->Fail("somebody wrote behind memory of PhysMemInterface");
+}
+
 class PhysMemBufferSim : public HostBuffer {
  public:
   PhysMemBufferSim() : HostBuffer(nullptr, 0) {}
@@ -64,8 +75,9 @@ void* SimPages::Map(std::size_t size) {
   // One page stays out of use behind each stretch.
   if (!Reserve(&pages) || count + 1 > kPagesOfWorld - pages.used) return nullptr;
   unsigned char* const memory = pages.base + pages.used * kPageBytes;
-  SimUnpoison(memory, size);
-  std::memset(memory, kUnwritten, size);
+  SimUnpoison(memory, size + kPageBytes);
+  std::memset(memory, kUnwritten, size + kPageBytes);
+  SimPoison(memory + size, kPageBytes);
   if (SimWorld* const world = SimWorld::Current()) {
     world->Record(SimEvent::kPagesMapped, pages.used, count);
   }
@@ -78,6 +90,7 @@ void SimPages::Unmap(void* address, std::size_t size) {
   Pages& pages = GetPages();
   const auto first =
       static_cast<std::size_t>(static_cast<unsigned char*>(address) - pages.base) / kPageBytes;
+  CheckBehind(static_cast<const unsigned char*>(address) + size);
   for (std::size_t k = 0; k < size / kPageBytes; ++k) pages.givenBack.set(first + k);
   std::memset(address, kUnwritten, size);
   SimPoison(address, size);

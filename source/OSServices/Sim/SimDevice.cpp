@@ -23,6 +23,14 @@ bool IsBuffered(const AsyncPort::Transfer& transfer) {
   return !transfer.file->IsUnbuffered();
 }
 
+// Whether an unbuffered transfer is one of whole sectors, in the file and in memory.
+bool IsOfSectors(std::uint64_t offset, const std::vector<MemoryRun>& runs) {
+  return offset % kSector == 0 && std::all_of(runs.begin(), runs.end(), [](const MemoryRun& run) {
+           return reinterpret_cast<std::uintptr_t>(run.address) % kSector == 0 &&
+                  run.length % kSector == 0;
+         });
+}
+
 }  // namespace
 
 void SimDevice::Create(const std::string& name, std::vector<unsigned char> content) {
@@ -100,32 +108,49 @@ void SimDevice::CompleteOne() {
   for (const auto& transfer : transfers_) {
     if (!IsReady(*transfer) || chosen-- != 0) continue;
     Settle(transfer.get());
+    // What did not move is told apart, too: negative, by its outcome.
     world_->Record(SimEvent::kTransferDone, transfer->asked.slot,
-                   transfer->outcome == AsyncPort::Outcome::kMoved ? transfer->bytes : 0);
+                   transfer->outcome == AsyncPort::Outcome::kMoved
+                       ? transfer->bytes
+                       : std::uint64_t{0} - static_cast<std::uint64_t>(transfer->outcome));
     return;
   }
 }
 
 void SimDevice::Settle(Transfer* transfer) {
   transfer->settled = true;
-  SimFile* const file = FileOf(transfer->asked);
-  const bool failed = !file || world_->DrawFault(world_->Setup().faults.failTransfer);
-  const std::uint64_t offset = transfer->asked.offset;
-  if (!failed && !IsBuffered(transfer->asked) &&
-      (offset % kSector != 0 || transfer->length % kSector != 0)) {
+  const AsyncPort::Transfer& asked = transfer->asked;
+  SimFile* const file = FileOf(asked);
+  const bool failed = !file || !static_cast<HostFileSim*>(asked.file)->Allows(asked.write) ||
+                      world_->DrawFault(world_->Setup().faults.failTransfer);
+  if (!failed && !IsBuffered(asked) && !IsOfSectors(asked.offset, transfer->runs)) {
     transfer->outcome = AsyncPort::Outcome::kRefused;
     return;
   }
-  if (!file) return;
-  if (transfer->asked.write) {
+  if (!file || !static_cast<HostFileSim*>(asked.file)->Allows(asked.write)) return;
+  if (asked.write) {
     SettleWrite(transfer, *file);
   } else {
     SettleRead(transfer, *file);
   }
-  if (!failed && !transfer->cancelled) return;
-  // What was moved before it went wrong stays moved.
+  if (failed || transfer->cancelled) CutShort(transfer);
+  SimRandom& random = world_->DeviceRandom();
+  if (asked.write) {
+    MoveOutOfMemory(*transfer, random.Below(transfer->stored + 1));
+  } else {
+    MoveIntoMemory(*transfer, random.Below(transfer->snapshot.size() + 1));
+  }
+}
+
+// It fails, with nothing or a part of it done.
+void SimDevice::CutShort(Transfer* transfer) {
   transfer->outcome = AsyncPort::Outcome::kFailed;
   transfer->bytes = 0;
+  SimRandom& random = world_->DeviceRandom();
+  const std::uint64_t whole = std::max<std::uint64_t>(transfer->stored, transfer->snapshot.size());
+  const std::uint64_t moved = random.OneIn(2) ? 0 : random.Below(whole + 1);
+  transfer->stored = std::min(transfer->stored, moved);
+  if (transfer->snapshot.size() > moved) transfer->snapshot.resize(moved);
 }
 
 void SimDevice::SettleRead(Transfer* transfer, const SimFile& file) {
@@ -138,13 +163,13 @@ void SimDevice::SettleRead(Transfer* transfer, const SimFile& file) {
   }
   std::uint64_t bytes = std::min(transfer->length, size - offset);
   if (world_->DrawFault(world_->Setup().faults.shortTransfer)) {
+    ++shortTransfers_;
     bytes = Shorten(bytes, IsBuffered(transfer->asked));
   }
   transfer->outcome = AsyncPort::Outcome::kMoved;
   transfer->bytes = bytes;
   transfer->snapshot.assign(file.bytes.begin() + static_cast<std::ptrdiff_t>(offset),
                             file.bytes.begin() + static_cast<std::ptrdiff_t>(offset + bytes));
-  MoveIntoMemory(*transfer, world_->DeviceRandom().Below(bytes + 1));
 }
 
 void SimDevice::SettleWrite(Transfer* transfer, const SimFile& file) {
@@ -157,6 +182,7 @@ void SimDevice::SettleWrite(Transfer* transfer, const SimFile& file) {
     return;
   }
   if (world_->DrawFault(world_->Setup().faults.shortTransfer)) {
+    ++shortTransfers_;
     bytes = Shorten(bytes, IsBuffered(transfer->asked));
   }
   transfer->outcome = AsyncPort::Outcome::kMoved;
@@ -166,7 +192,6 @@ void SimDevice::SettleWrite(Transfer* transfer, const SimFile& file) {
     transfer->stored = 0;
     ++lostWrites_;
   }
-  MoveOutOfMemory(*transfer, world_->DeviceRandom().Below(transfer->stored + 1));
 }
 
 std::uint64_t SimDevice::Shorten(std::uint64_t length, bool buffered) {
@@ -200,6 +225,10 @@ AsyncPort::Completion SimDevice::Collect(const AsyncPortSim* port) {
 
 void SimDevice::EndHanging() {
   for (const auto& [name, file] : files_) file->hanging = false;
+  // A file that was deleted has no name any more.
+  for (const auto& transfer : transfers_) {
+    if (SimFile* const file = FileOf(transfer->asked)) file->hanging = false;
+  }
 }
 
 void SimDevice::MoveIntoMemory(const Transfer& transfer, std::uint64_t bytes) {

@@ -1,6 +1,7 @@
 // The files of a world and the device that moves their bytes.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -25,16 +26,22 @@ struct SimFile {
 // An open file, or one that could not be opened.
 class HostFileSim : public HostFile {
  public:
-  explicit HostFileSim(std::shared_ptr<SimFile> file)
-      : file_(std::move(file)), buffered_(file_ && file_->buffered) {}
+  HostFileSim(std::shared_ptr<SimFile> file, bool forRead, bool forWrite)
+      : file_(std::move(file)),
+        forRead_(forRead),
+        forWrite_(forWrite),
+        buffered_(file_ && file_->buffered) {}
   bool IsUnbuffered() const override { return !buffered_; }
   SimFile* GetFile() const { return file_.get(); }
+  bool Allows(bool write) const { return write ? forWrite_ : forRead_; }
 
  protected:
   ~HostFileSim() override = default;
 
  private:
   const std::shared_ptr<SimFile> file_;  // null: every transfer fails
+  const bool forRead_;
+  const bool forWrite_;
   const bool buffered_;
 };
 
@@ -50,8 +57,9 @@ class SimDevice {
   std::shared_ptr<SimFile> Find(const std::string& name) const;
   bool Delete(const std::string& name);
   void SetCapacity(std::uint64_t bytes) { capacity_ = bytes; }
-  void SetLatency(std::uint64_t micros) { latency_ = micros; }
+  void SetLatency(std::uint64_t micros) { latency_ = std::min(micros, kMostLatency); }
   std::uint64_t GetLostWrites() const { return lostWrites_; }
+  std::uint64_t GetShortTransfers() const { return shortTransfers_; }
 
   // Transfers of the port.
   void Start(AsyncPortSim* port, const AsyncPort::Transfer& transfer);
@@ -87,6 +95,7 @@ class SimDevice {
   void Settle(Transfer* transfer);
   void SettleRead(Transfer* transfer, const SimFile& file);
   void SettleWrite(Transfer* transfer, const SimFile& file);
+  void CutShort(Transfer* transfer);
   std::uint64_t Shorten(std::uint64_t length, bool buffered);
   void MoveIntoMemory(const Transfer& transfer, std::uint64_t bytes);
   void MoveOutOfMemory(const Transfer& transfer, std::uint64_t bytes);
@@ -97,8 +106,10 @@ class SimDevice {
   std::map<std::string, std::shared_ptr<SimFile>> files_;
   std::vector<std::unique_ptr<Transfer>> transfers_;
   std::uint64_t capacity_ = ~std::uint64_t{0};
-  std::uint64_t latency_ = 300;  // microseconds
+  static constexpr std::uint64_t kMostLatency = std::uint64_t{1} << 62;  // sums do not overflow
+  std::uint64_t latency_ = 300;                                          // microseconds
   std::uint64_t lostWrites_ = 0;
+  std::uint64_t shortTransfers_ = 0;
 };
 
 }  // namespace Orvane

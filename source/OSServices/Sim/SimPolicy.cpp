@@ -194,7 +194,8 @@ SimulatedPolicy ChooseSimPolicy(std::uint64_t seed) {
       SimulatedPolicy::kPCT,        SimulatedPolicy::kPCT,        SimulatedPolicy::kPCT,
       SimulatedPolicy::kStarvation, SimulatedPolicy::kPriorities, SimulatedPolicy::kRandom,
       SimulatedPolicy::kLazy};
-  return kPolicies[seed % kPolicies.size()];
+  // Not from the low bits: whoever draws other things from those of the seed meets all policies.
+  return kPolicies[SimRandom(SimRandom::Mix(seed + 5)).Below(kPolicies.size())];
 }
 
 }  // namespace Orvane

@@ -72,12 +72,12 @@ class SimIgnoring {
   SimIgnoring& operator=(const SimIgnoring&) = delete;
 };
 
-inline void SimPoison([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t size) {
+inline void SimPoison([[maybe_unused]] const void* memory, [[maybe_unused]] std::size_t size) {
 #if defined(ORVANE_SIM_ASAN)
   __asan_poison_memory_region(memory, size);
 #endif
 }
-inline void SimUnpoison([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t size) {
+inline void SimUnpoison([[maybe_unused]] const void* memory, [[maybe_unused]] std::size_t size) {
 #if defined(ORVANE_SIM_ASAN)
   __asan_unpoison_memory_region(memory, size);
 #endif

@@ -39,6 +39,7 @@ void RunFirstThread(SimWorld* world, const std::function<void()>& scenario) {
 
 SimulationResult RunWorld(const SimulationSetup& setup, std::unique_ptr<SimPolicy> policy,
                           const std::function<void()>& scenario) {
+  if (SimWorld* const outer = SimWorld::Current()) outer->Fail("a run is started inside of a run");
   const SimIgnoring ignoring;
   SimArena::Reset();
   SimPages::Reset();
@@ -82,6 +83,25 @@ Switches Without(const Switches& switches, std::size_t first, std::size_t count)
   return rest;
 }
 
+// Those that a number calls for.
+SimulatedFaults OnlyCounted(const SimulatedFaults& faults) {
+  SimulatedFaults counted;
+  counted.failCall = faults.failCall;
+  counted.failAllocationCall = faults.failAllocationCall;
+  counted.andAllLater = faults.andAllLater;
+  return counted;
+}
+
+// Whether two runs have failed of the same: places and numbers may differ.
+bool FailAlike(const SimulationResult& left, const SimulationResult& right) {
+  const auto textOf = [](const SimulationResult& result) {
+    std::string text = result.failure;
+    std::erase_if(text, [](char letter) { return letter >= '0' && letter <= '9'; });
+    return text;
+  };
+  return !left.ok && !right.ok && textOf(left) == textOf(right);
+}
+
 }  // namespace
 
 void Simulator::Install() {
@@ -120,7 +140,8 @@ SimulationResult Simulator::ExploreAll(const SimulationSetup& setup, unsigned pr
                                        const std::function<void()>& scenario) {
   SimulationSetup fixed = setup;
   fixed.timeJumps = false;
-  fixed.policy = SimulatedPolicy::kRandom;
+  fixed.faults = OnlyCounted(setup.faults);
+  fixed.policy = SimulatedPolicy::kReplay;  // of the search
   std::vector<SimSearchPolicy::Choice> choices;
   SimulationResult result;
   std::uint64_t runs = 0;
@@ -143,7 +164,7 @@ SimulationResult Simulator::Minimise(const SimulationSetup& setup,
     for (std::size_t first = 0; first < switches.size();) {
       const Switches fewer = Without(switches, first, part);
       const SimulationResult result = Run(ReplayOf(setup, fewer), scenario);
-      if (result.ok) {
+      if (!FailAlike(result, best)) {
         first += part;
         continue;
       }
@@ -277,6 +298,10 @@ void SimulatedFiles::SetHanging(const std::string& name, bool hanging) {
 
 std::uint64_t SimulatedFiles::GetLostWrites() {
   return World().Device().GetLostWrites();
+}
+
+std::uint64_t SimulatedFiles::GetShortTransfers() {
+  return World().Device().GetShortTransfers();
 }
 
 SimulatorAllocations::Exempt::Exempt() {
