@@ -78,6 +78,7 @@ class ORVANE_EXPORT Cache : public SharedObject {
   // Cancels all reads and pre-reads of the source, with kResultFailed, and all other requests of
   // the source as well, writes included. Each is reported before it returns, and so is what has
   // ended just before; inside a callback it does not wait for reports that other threads make.
+  // REQUIRES: a reference on the source that stays until it returns; reports may give up others.
   void Cancel(CacheSource* source);
   // Cancel, and forgets all blocks of the source.
   void Purge(CacheSource* source);

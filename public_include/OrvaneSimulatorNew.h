@@ -25,6 +25,12 @@ inline void* SimulatorAllocateOrThrow(std::size_t size) {
   return memory;
 }
 
+// Not inlined: where a compiler inlines `delete` but not the `new` before it, it would warn that
+// what comes from `new` goes to std::free.
+[[gnu::noinline]] inline void SimulatorFree(void* memory) noexcept {
+  std::free(memory);
+}
+
 }  // namespace Orvane
 
 void* operator new(std::size_t size) {
@@ -40,20 +46,20 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   return Orvane::SimulatorAllocate(size);
 }
 void operator delete(void* memory) noexcept {
-  std::free(memory);
+  Orvane::SimulatorFree(memory);
 }
 void operator delete[](void* memory) noexcept {
-  std::free(memory);
+  Orvane::SimulatorFree(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
+  Orvane::SimulatorFree(memory);
 }
 void operator delete[](void* memory, std::size_t) noexcept {
-  std::free(memory);
+  Orvane::SimulatorFree(memory);
 }
 void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  std::free(memory);
+  Orvane::SimulatorFree(memory);
 }
 void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-  std::free(memory);
+  Orvane::SimulatorFree(memory);
 }

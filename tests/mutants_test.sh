@@ -5,6 +5,25 @@ set -uo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 . "$here/shell_checks.sh"
 
+# Whether what the patch says about scenarios can be read, and they are there.
+# shellcheck disable=SC2317 # called by fits
+scenarios_exist() { # patch
+  local text name
+  text=$(sed -n '/^--- /q; s/^Scenario//p' "$1")
+  [ -n "$text" ] || return 0
+  if ! [[ $text =~ ^:\ [A-Za-z]+(,[A-Za-z]+)*(\ seeds\ [1-9][0-9]*)?$ ]]; then
+    echo "is not 'Scenario: NAME[,NAME] [seeds N]': Scenario$text"
+    return 1
+  fi
+  text=${text#: }
+  for name in $(printf '%s' "${text%% *}" | tr , ' '); do
+    if ! grep -qE "^ORVANE_[A-Z_]*SCENARIO(_OF)?\($name," "$here"/sim/*.cpp; then
+      echo "there is no scenario $name"
+      return 1
+    fi
+  done
+}
+
 # shellcheck disable=SC2317 # called by check
 fits() { # patch
   local field
@@ -14,6 +33,7 @@ fits() { # patch
       return 1
     fi
   done
+  scenarios_exist "$1" || return
   patch --batch --forward --fuzz=0 --dry-run -p1 -d "$here/.." -i "$1"
 }
 

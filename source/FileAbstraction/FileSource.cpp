@@ -184,6 +184,8 @@ FileSource::Result_t FileSource::WriteAsyncWithList(std::uint64_t offset, Buffer
 }
 
 void FileSource::Cancel() {
+  // A report may give up the last reference.
+  SharedObjectAutoRef keep(this);
   if (Cache* const cache = GetCache()) {
     cache->Cancel(this);
   } else {

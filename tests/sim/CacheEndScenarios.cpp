@@ -39,6 +39,28 @@ ORVANE_SMALL_SCENARIO(AllGivenUpInAReport, "The report of a read gives up source
   bench.Await(read);
 }
 
+ORVANE_SCENARIO(CancelGivesUpTheCache,
+                "A report that only a cancel can bring gives up source and cache.") {
+  SimFileModel& file = bench.NewFile(kPage);
+  Cache* const cache = bench.NewCache(kPage, 2);
+  SimSource& source = bench.NewSource(file, cache);
+  SimulatedFiles::SetHanging(file.Name(), true);
+  // Writes pass the cache by: nothing of it holds it for their sake.
+  SimRequestForm form = ThenDo([&source, &bench, cache](SimRequest& request) {
+    if (request.Result() != CacheSource::kResultFailed) return;
+    bench.ReleaseCache(cache);
+    source.Release();
+  });
+  form.anywhere = false;
+  source.Write(0, kPage, std::move(form));
+  if (Simulator::Random(2) == 0) {
+    source.Cancel();
+  } else {
+    source.Close();
+  }
+  Simulator::Settle();
+}
+
 ORVANE_SMALL_SCENARIO(AllGivenUpBesideAPreRead, "Source and cache go while a block is filled.") {
   EveryOrder::NotYet();
   SimFileModel& file = bench.NewFile(2 * kPage);

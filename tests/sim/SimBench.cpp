@@ -10,6 +10,7 @@ namespace {
 using Exempt = SimulatorAllocations::Exempt;
 
 constexpr const char* kFile = "tests/sim/SimBench";
+constexpr std::size_t kMostReports = 1024;  // at a time, nested ones included
 
 }  // namespace
 
@@ -206,6 +207,8 @@ SimTime SimSource::ShowsEndFrom(SimTime begin) const {
 SimBench::SimBench() {
   SimMemory::Reset();
   forbidsMemory_ = Simulator::Random(8) == 0;
+  const Exempt exempt;
+  reporting_.reserve(kMostReports);
 }
 
 SimBench::~SimBench() = default;
