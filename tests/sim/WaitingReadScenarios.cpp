@@ -13,7 +13,7 @@ namespace Orvane {
 namespace {
 
 constexpr std::uint64_t kBlock = 512;
-constexpr int kRounds = 5;
+constexpr int kRounds = 12;
 // After it whoever answers late stands at the gate of his source.
 constexpr std::uint32_t kLongMs = 40;
 
