@@ -87,6 +87,7 @@ void ThreadCarrier::RunnerMain(Runner* runner) {
     runner->gate.Take();
     entry_(runner->thread);
   } while (kRunnersAreKept);
+  delete runner;
   SimIgnoreEnd();
 }
 
