@@ -72,7 +72,9 @@ class TestCommand : public CacheCommand {
     journal_->Note("run " + name_);
     return !work_ || work_(this);
   }
+  void SetLastWork(std::function<void()> work) { lastWork_ = std::move(work); }
   void Finish(bool cancelled) override {
+    if (lastWork_) lastWork_();
     Journal* const journal = journal_;
     const std::string line = (cancelled ? "cancel " : "end ") + name_;
     delete this;
@@ -83,6 +85,7 @@ class TestCommand : public CacheCommand {
   Journal* const journal_;
   const std::string name_;
   const Work work_;
+  std::function<void()> lastWork_;
 };
 
 // Terminates at a given question.
@@ -377,6 +380,22 @@ TEST_F(CommandProcessorTest, HoldWaitsForTheRunningCommandAndLetsNoneStart) {
   processor_->Release();
   opener.join();
   EXPECT_TRUE(journal_.WaitFor("end held off"));
+}
+
+// What it fails must not slip past a cancel, which holds the processor.
+TEST_F(CommandProcessorTest, HoldWaitsForTheEndOfACommandThatFailed) {
+  Make();
+  auto* const command = new TestCommand(
+      &journal_, "throws", 1, [](TestCommand*) -> bool { throw std::runtime_error("test"); });
+  command->SetLastWork([this] {
+    journal_.Note("finishes");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  });
+  processor_->Add(command);
+  ASSERT_TRUE(journal_.WaitFor("finishes"));
+  processor_->Hold();
+  EXPECT_EQ(1u, journal_.Count("cancel throws"));
+  processor_->Release();
 }
 
 TEST_F(CommandProcessorTest, DestructionCancelsWhatIsQueuedAndWhatWaits) {

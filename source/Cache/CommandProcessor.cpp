@@ -160,16 +160,13 @@ bool CommandProcessor::RunNext(MTThread* thread, const std::uint32_t* kind, Pass
   if (thread->IsTerminating()) return false;
   // Closes after the section was left and the command is gone.
   ReportScope scope;
-  Command* command = nullptr;
-  bool finished = false;
+  CritSecLock lock(section_.get());
+  Command* const command = Pick(kind, *pass);
+  if (!command) return false;
   bool cancelled = false;
-  {
-    CritSecLock lock(section_.get());
-    command = Pick(kind, *pass);
-    if (!command) return false;
-    finished = Run(thread, command, pass, &cancelled);
-  }
-  if (finished) command->Finish(cancelled);
+  // In the section still: what a command fails here is on its way to its caller when it is left,
+  // and a cancel that comes then waits for it.
+  if (Run(thread, command, pass, &cancelled)) command->Finish(cancelled);
   return true;
 }
 

@@ -20,8 +20,9 @@ namespace Orvane {
 // sleeps until it is woken. Of those aside a pass tries the one that is due first, and goes on to
 // the next only if it is done: they wait for the same thing, and the first to be due shall have it.
 //
-// The section is held while a command runs: whoever holds it (Hold) knows that none is running.
-// Finished commands are deleted, and what they finished is reported, after it was left.
+// The section is held while a command runs and is finished: whoever holds it (Hold) knows that none
+// is running, and that what was finished is among the reports of the cache. They are made after the
+// section was left.
 class CommandProcessor : public MTThreadBody {
  public:
   // Starts the thread, unless memory is short for the kinds: see IsRunning. Throws what

@@ -82,7 +82,9 @@ CacheSource::Result_t OwnReader::Start(std::uint64_t offset, std::uint64_t size,
   }
   isOver_ = false;
   begin_ = Simulator::GetStep();
+  accepted_ = kSimTimeOpen;
   const CacheSource::Result_t result = cache_->Read(transaction_);
+  accepted_ = Simulator::GetStep();
   if (result != CacheSource::kResultPending) CheckRefusal(result);
   return result;
 }
@@ -320,10 +322,17 @@ void OwnBench::AwaitAll() {
   });
 }
 
+// Not inside a callback: there a cancel does not wait for reports on other threads.
 void OwnBench::Cancel(Cache* cache, OwnSource* source) {
+  const SimTime begin = Simulator::GetStep();
   source->BeginEvent();
   cache->Cancel(source);
   source->EndEvent();
+  for (const auto& reader : readers_) {
+    const bool concerned =
+        reader->cache_ == cache && reader->source_ == source && reader->accepted_ <= begin;
+    if (concerned && !reader->isOver_) reader->Fail("unreported at the end of a cancel");
+  }
 }
 
 }  // namespace Orvane

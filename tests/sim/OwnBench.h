@@ -65,6 +65,7 @@ class OwnReader {
   std::uint64_t size_ = 0;
   OwnForm form_;
   SimTime begin_ = 0;
+  SimTime accepted_ = 0;
   SimTime end_ = 0;
   bool isOver_ = true;
   CacheSource::Result_t result_ = CacheSource::kResultNone;

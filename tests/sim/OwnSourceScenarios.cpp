@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "CacheScenarioTools.h"
 #include "OwnBench.h"
 #include "Scenario.h"
 #include "SimBench.h"
@@ -105,6 +106,18 @@ ORVANE_SCENARIO(ReadUponFailure, "A read upon a failure does not meet what has f
   if (Simulator::GetFaults() == 0 && again.Result() != CacheSource::kResultOK) {
     Simulator::Fail("a read upon a failure met what has failed");
   }
+}
+
+ORVANE_SMALL_SCENARIO(CancelBesideAThrow, "A read that a source fails by throwing is cancelled.") {
+  EveryOrder::NotYet();
+  OwnBench own(&bench);
+  Cache* const cache = own.NewCache(kBlock, 1);
+  OwnSource* const source = own.NewSource(kBlock);
+  source->choose = [](std::uint64_t, std::uint64_t) { return OwnAnswer::kThrow; };
+  OwnReader& reader = own.NewReader(cache, source);
+  const EveryOrder everyOrder;
+  reader.Start(0, kBlock);
+  own.Cancel(cache, source);
 }
 
 ORVANE_SCENARIO(FailureInBatch, "A batch of which some failed, came short, or gave nothing.") {
