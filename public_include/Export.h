@@ -1,4 +1,5 @@
-// Marks what the library exports. Everything else is hidden, in the static library too.
+// What compilers call by different names. ORVANE_EXPORT marks what the library exports: everything
+// else is hidden, in the static library too.
 #pragma once
 
 #if defined(ORVANE_STATIC)
@@ -11,4 +12,10 @@
 #endif
 #else
 #define ORVANE_EXPORT __attribute__((visibility("default")))
+#endif
+
+#if defined(_MSC_VER)
+#define ORVANE_NO_INLINE __declspec(noinline)
+#else
+#define ORVANE_NO_INLINE __attribute__((noinline))
 #endif

@@ -22,8 +22,8 @@ namespace Orvane {
 
 // What runs a thread of a simulation. Both make the same of a seed.
 enum class SimulatedCarrier : std::uint8_t {
-  kFibers,   // one thread of the host for all: 50 times as fast; `thread_local` of the code under
-             // test is shared by all threads of the simulation
+  kFibers,   // one thread of the host for all: several times as fast; `thread_local` of the code
+             // under test is shared by all threads of the simulation
   kThreads,  // one of the host's for each, of which one at a time runs: for debuggers
 };
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "Export.h"
 #include "OrvaneSimulator.h"
 
 namespace Orvane {
@@ -27,7 +28,7 @@ inline void* SimulatorAllocateOrThrow(std::size_t size) {
 
 // Not inlined: where a compiler inlines `delete` but not the `new` before it, it would warn that
 // what comes from `new` goes to std::free.
-[[gnu::noinline]] inline void SimulatorFree(void* memory) noexcept {
+ORVANE_NO_INLINE inline void SimulatorFree(void* memory) noexcept {
   std::free(memory);
 }
 

@@ -105,7 +105,7 @@ class SimAtomicStep {
 
 }  // namespace
 
-SimPrimitive::SimPrimitive(Primitive kind) : kind_(kind) {
+SimPrimitive::SimPrimitive(Primitive kind) {
   const SimInside inside;
   if (SimWorld* const world = World()) {
     number_ = world->OnMade(kind);
@@ -117,7 +117,7 @@ SimPrimitive::SimPrimitive(Primitive kind) : kind_(kind) {
 SimPrimitive::~SimPrimitive() {
   const SimInside inside;
   if (number_ != 0 && World()) {
-    World()->OnDestroyed(kind_, number_);
+    World()->OnDestroyed(number_);
     World()->Record(SimEvent::kDestroyed, number_);
   } else {
     std::erase(Lasting(), this);

@@ -30,7 +30,6 @@ class SimPrimitive {
   static void* Allocate(std::size_t size);
 
  private:
-  const SimWorld::Primitive kind_;
   std::uint64_t number_ = 0;  // 0: made outside of a world
 };
 

@@ -19,6 +19,17 @@ SimFile* FileOf(const AsyncPort::Transfer& transfer) {
   return static_cast<HostFileSim*>(transfer.file)->GetFile();
 }
 
+// Whether its file was opened at all, and for this.
+bool IsAllowed(const AsyncPort::Transfer& transfer) {
+  return FileOf(transfer) && static_cast<HostFileSim*>(transfer.file)->Allows(transfer.write);
+}
+
+// Whether it takes until its file hangs no longer, or until it is given up.
+bool Hangs(const AsyncPort::Transfer& transfer) {
+  const SimFile* const file = FileOf(transfer);
+  return file && file->hanging;
+}
+
 bool IsBuffered(const AsyncPort::Transfer& transfer) {
   return !transfer.file->IsUnbuffered();
 }
@@ -71,8 +82,7 @@ void SimDevice::GiveUp(std::uint32_t slot, std::uint32_t generation) {
     if (transfer->asked.slot != slot || transfer->asked.generation != generation) continue;
     if (transfer->settled) return;
     SimRandom& random = world_->DeviceRandom();
-    const SimFile* const file = FileOf(transfer->asked);
-    transfer->cancelled = transfer->cancelled || (file && file->hanging) || !random.OneIn(4);
+    transfer->cancelled = transfer->cancelled || Hangs(transfer->asked) || !random.OneIn(4);
     if (random.OneIn(2)) transfer->readyAt = world_->Now();
     if (random.OneIn(4)) transfer->readyAt = world_->Now() + random.Below(20000);
   }
@@ -80,8 +90,7 @@ void SimDevice::GiveUp(std::uint32_t slot, std::uint32_t generation) {
 
 bool SimDevice::IsReady(const Transfer& transfer) const {
   if (transfer.settled || transfer.readyAt > world_->Now()) return false;
-  const SimFile* const file = FileOf(transfer.asked);
-  return transfer.cancelled || !(file && file->hanging);
+  return transfer.cancelled || !Hangs(transfer.asked);
 }
 
 bool SimDevice::HasReadyTransfer() const {
@@ -92,9 +101,7 @@ bool SimDevice::HasReadyTransfer() const {
 std::uint64_t SimDevice::GetNextReadyTime() const {
   std::uint64_t next = kSimNever;
   for (const auto& transfer : transfers_) {
-    const SimFile* const file = FileOf(transfer->asked);
-    const bool hangs = file && file->hanging;
-    if (!transfer->settled && (transfer->cancelled || !hangs)) {
+    if (!transfer->settled && (transfer->cancelled || !Hangs(transfer->asked))) {
       next = std::min(next, transfer->readyAt);
     }
   }
@@ -120,18 +127,16 @@ void SimDevice::CompleteOne() {
 void SimDevice::Settle(Transfer* transfer) {
   transfer->settled = true;
   const AsyncPort::Transfer& asked = transfer->asked;
-  SimFile* const file = FileOf(asked);
-  const bool failed = !file || !static_cast<HostFileSim*>(asked.file)->Allows(asked.write) ||
-                      world_->DrawFault(world_->Setup().faults.failTransfer);
+  if (!IsAllowed(asked)) return;
+  const bool failed = world_->DrawFault(world_->Setup().faults.failTransfer);
   if (!failed && !IsBuffered(asked) && !IsOfSectors(asked.offset, transfer->runs)) {
     transfer->outcome = AsyncPort::Outcome::kRefused;
     return;
   }
-  if (!file || !static_cast<HostFileSim*>(asked.file)->Allows(asked.write)) return;
   if (asked.write) {
-    SettleWrite(transfer, *file);
+    SettleWrite(transfer, *FileOf(asked));
   } else {
-    SettleRead(transfer, *file);
+    SettleRead(transfer, *FileOf(asked));
   }
   if (failed || transfer->cancelled) CutShort(transfer);
   SimRandom& random = world_->DeviceRandom();

@@ -21,7 +21,6 @@ const char* ToText(SimEvent event) {
                                            "timed out at semaphore",
                                            "releases semaphore",
                                            "released semaphore",
-                                           "makes atomic",
                                            "reads atomic",
                                            "changed atomic",
                                            "compared atomic",

@@ -22,7 +22,6 @@ enum class SimEvent : std::uint8_t {
   kSemaphoreTimedOut,
   kSemaphoreReleases,
   kSemaphoreReleased,
-  kAtomicMade,
   kAtomicRead,
   kAtomicChanged,
   kAtomicCompared,

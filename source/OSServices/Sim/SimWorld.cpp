@@ -311,9 +311,10 @@ void SimWorld::CheckLeftovers() {
   if (liveCount_ == 0) return;
   std::string text;
   std::size_t named = 0;
-  for (const Live& live : live_) {
+  for (std::size_t k = 0; k < live_.size(); ++k) {
+    const Live& live = live_[k];
     if (!live.isThere || ++named > 10) continue;
-    text += "  " + std::string(ToText(live.primitive)) + " " + std::to_string(live.object) +
+    text += "  " + std::string(ToText(live.primitive)) + " " + std::to_string(k + 1) +
             ", made by thread " + std::to_string(live.madeBy) + " at step " +
             std::to_string(live.madeAt) + "\n";
   }
@@ -409,13 +410,12 @@ void SimWorld::StopFaults() {
 }
 
 std::uint64_t SimWorld::OnMade(Primitive primitive) {
-  const std::uint64_t object = ++lastObject_;
-  live_.push_back({object, step_, running_ ? running_->index : 0, primitive, true});
+  live_.push_back({step_, running_ ? running_->index : 0, primitive, true});
   ++liveCount_;
-  return object;
+  return live_.size();
 }
 
-void SimWorld::OnDestroyed(Primitive, std::uint64_t object) {
+void SimWorld::OnDestroyed(std::uint64_t object) {
   live_[static_cast<std::size_t>(object - 1)].isThere = false;
   --liveCount_;
 }

@@ -75,12 +75,11 @@ class SimWorld {
   bool DrawLie(unsigned chance);
   void StopFaults();
   void VaryOrder(bool varied) { orderIsVaried_ = varied; }
-  bool FaultsAreOn() const { return faultsOn_; }
   void StartFaults() { faultsOn_ = true; }
 
   // Primitives.
   std::uint64_t OnMade(Primitive primitive);
-  void OnDestroyed(Primitive primitive, std::uint64_t object);
+  void OnDestroyed(std::uint64_t object);
   // True also for one that was made outside of the world: 0.
   bool IsThere(std::uint64_t object) const {
     return object == 0 || live_[static_cast<std::size_t>(object - 1)].isThere;
@@ -95,7 +94,6 @@ class SimWorld {
   SimRandom& DeviceRandom() { return deviceRandom_; }
   std::uint64_t GetStep() const { return step_; }
   std::uint64_t GetFaults() const { return faults_; }
-  bool HasFailed() const { return failed_; }
   std::string& DebugText() { return debugText_; }
 
  private:
@@ -152,15 +150,13 @@ class SimWorld {
   std::uint64_t allocations_ = 0;
   std::uint64_t faults_ = 0;
 
-  std::uint64_t lastObject_ = 0;
   struct Live {
-    std::uint64_t object;
     std::uint64_t madeAt;
     std::uint32_t madeBy;
     Primitive primitive;
     bool isThere;
   };
-  std::vector<Live> live_;  // by object
+  std::vector<Live> live_;  // number 1 first
   std::size_t liveCount_ = 0;
 
   bool failed_ = false;
