@@ -14,24 +14,20 @@ namespace {
 constexpr const char* kFile = "tests/sim/CacheEndScenarios";
 constexpr std::uint64_t kPage = SimFileModel::kPage;
 
-ORVANE_SMALL_SCENARIO(AllGivenUpBesideARead, "Source and cache go as soon as a read has started.") {
-  EveryOrder::NotYet();
+ORVANE_SCENARIO(AllGivenUpBesideARead, "Source and cache go as soon as a read has started.") {
   SimFileModel& file = bench.NewFile(2 * kPage);
   Cache* const cache = bench.NewCache(kPage, 2);
   SimSource& source = bench.NewSource(file, cache);
-  const EveryOrder everyOrder;
   const SimRequest& read = source.Read(0, 2 * kPage);
   source.Release();
   bench.ReleaseCache(cache);
   bench.Await(read);
 }
 
-ORVANE_SMALL_SCENARIO(AllGivenUpInAReport, "The report of a read gives up source and cache.") {
-  EveryOrder::NotYet();
+ORVANE_SCENARIO(AllGivenUpInAReport, "The report of a read gives up source and cache.") {
   SimFileModel& file = bench.NewFile(2 * kPage);
   Cache* const cache = bench.NewCache(kPage, 2);
   SimSource& source = bench.NewSource(file, cache);
-  const EveryOrder everyOrder;
   SimRequest& read = source.Read(0, 16, ThenDo([&source, &bench](SimRequest&) {
                                    bench.ReleaseCache(source.GetCache());
                                    source.Release();
@@ -188,7 +184,8 @@ ORVANE_SCENARIO(CacheEndsBeforeItsReads,
     reads.Start(cache, source, kPage + 5, 100);
     reads.Start(cache, source, 4 * kPage, 2 * kPage);
     for (std::uint64_t steps = Simulator::Random(100); steps > 0; --steps) Simulator::Step();
-    // A cache that had no memory for all of its blocks asks for a free one for as long as they hang.
+    // A cache that had no memory for all of its blocks asks for a free one for as long as they
+    // hang.
     if (!hangs && Simulator::Random(4) == 0) Simulator::Settle();
     cache->DecRef(kFile, "CacheEndsBeforeItsReads", __LINE__);
     reads.RequireOver("its cache was destroyed");

@@ -454,7 +454,8 @@ TEST_F(SimulatorScheduleTest, WorldsLeaveNothingBehind) {
     run(carrier == SimulatedCarrier::kFibers ? 1000 : 100);
     // Threads that are not kept take a moment to end.
     const auto grown = [before] { return std::abs(liveAllocations - before); };
-    for (int wait = 0; grown() > 8 && wait < 5000; ++wait) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (int wait = 0; grown() > 8 && wait < 5000; ++wait)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_LE(grown(), 8);
   }
 }
