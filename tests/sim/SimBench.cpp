@@ -100,6 +100,7 @@ bool SimSource::Delete() {
 
 bool SimSource::Open(bool forRead, bool forWrite) {
   const std::size_t event = BeginEvent(true, true, 0, 0);
+  const std::uint64_t faults = Simulator::GetFaults();
   bool opened = false;
   try {
     opened = source_->Open(forRead, forWrite, false);
@@ -110,6 +111,7 @@ bool SimSource::Open(bool forRead, bool forWrite) {
     // Of two that open and close at a time the bench does not know who was last. A file that is
     // not there can be opened, but that is all.
     isOpen_ = IsAlone(event) && !file_->IsDeleted();
+    isWhole_ = Simulator::GetFaults() == faults;
     forRead_ = forRead;
     forWrite_ = forWrite;
     if (cache_) events_[event].forgetsBefore = events_[event].begin;
@@ -223,6 +225,7 @@ SimFileModel& SimBench::NewFile(std::uint64_t bytes) {
 Cache* SimBench::NewCache(std::uint64_t blockBytes, std::size_t blocks) {
   BufferFactory* factory = nullptr;
   Cache* cache = nullptr;
+  const std::uint64_t faults = Simulator::GetFaults();
   try {
     factory = new BufferFactoryPhysMem;
     factory->Initialize(blockBytes, blocks, blocks, 0);
@@ -237,6 +240,7 @@ Cache* SimBench::NewCache(std::uint64_t blockBytes, std::size_t blocks) {
   }
   const Exempt exempt;
   caches_.push_back(cache);
+  if (Simulator::GetFaults() != faults) shortCaches_.push_back(cache);
   return cache;
 }
 
@@ -294,12 +298,26 @@ bool SimBench::IsReporting() const {
   return std::find(reporting_.begin(), reporting_.end(), thread) != reporting_.end();
 }
 
+// Whatever has failed before: what is open and was made without a fault can be read.
+void SimBench::ReadEverything() {
+  constexpr std::uint64_t kMost = 4 * SimFileModel::kPage;
+  for (std::size_t k = 0; k < sources_.size(); ++k) {
+    SimSource& source = *sources_[k];
+    const bool isShort = std::find(shortCaches_.begin(), shortCaches_.end(), source.GetCache()) !=
+                         shortCaches_.end();
+    if (source.IsReleased() || !source.isOpen_ || !source.isWhole_ || isShort) continue;
+    source.ReadNow(0, kMost);
+  }
+}
+
 void SimBench::Finish() {
   Simulator::StopFaults();
   AwaitAll();
   Simulator::Settle();
   if (Simulator::GetOpenRequests() != 0)
     Simulator::Fail("slots are in use though nothing is asked");
+  faultsAreOver_ = true;
+  ReadEverything();
   for (const auto& file : files_) {
     const Exempt exempt;
     // Of a write that failed the model knows that it may show in part.

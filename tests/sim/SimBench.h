@@ -164,7 +164,8 @@ class SimSource {
   bool released_ = false;
   bool forRead_ = false;
   bool forWrite_ = false;
-  bool isOpen_ = false;  // false also where nobody knows
+  bool isOpen_ = false;   // false also where nobody knows
+  bool isWhole_ = false;  // nothing failed while it was opened
   std::vector<Event> events_;
   std::vector<std::uint64_t> preReads_;  // when they were asked for, microseconds
 };
@@ -192,7 +193,8 @@ class SimBench {
   // Results that would be wrong otherwise are expected: the disk is full, a file was deleted, ...
   void ExpectErrors() { expectsErrors_ = true; }
 
-  // Ends the faults, waits for everything, releases everything, checks everything.
+  // Ends the faults, waits for everything, reads what can be read, releases everything, checks
+  // everything.
   void Finish();
 
  private:
@@ -203,12 +205,17 @@ class SimBench {
   std::vector<std::unique_ptr<SimSource>> sources_;
   std::vector<std::unique_ptr<SimRequest>> requests_;
   std::vector<Cache*> caches_;
+  std::vector<const Cache*> shortCaches_;  // something failed while they were made
   // Whether the calling thread is inside of a report of a request.
   bool IsReporting() const;
+  // Whether a request may fail because the host did, now or before.
+  bool IsExcused() const { return (!faultsAreOver_ && HostHasFailed()) || expectsErrors_; }
+  void ReadEverything();
 
   std::vector<std::int64_t> reporting_;  // threads, once per report
   bool expectsErrors_ = false;
   bool forbidsMemory_ = false;
+  bool faultsAreOver_ = false;
 };
 
 }  // namespace Orvane

@@ -209,7 +209,7 @@ void SimRequest::Report(CacheSource::Result_t result, std::uint64_t offset, std:
 void SimRequest::CheckRefusal() {
   // What began before is over before its outcome is known.
   end_ = Simulator::GetStep();
-  const bool excused = HostHasFailed() || source_->bench_->expectsErrors_;
+  const bool excused = source_->bench_->IsExcused();
   switch (result_) {
     case CacheSource::kResultBusy:
       if (form_.mayBeBusy || excused) return;
@@ -233,7 +233,7 @@ void SimRequest::CheckRefusal() {
 void SimRequest::CheckOutcome() {
   if (!memory_->IsIntactAround()) Fail("somebody wrote beside the buffers");
   CheckUnlocked();
-  const bool excused = HostHasFailed() || source_->bench_->expectsErrors_;
+  const bool excused = source_->bench_->IsExcused();
   switch (result_) {
     case CacheSource::kResultOK:
     case CacheSource::kResultPartial:
