@@ -123,13 +123,11 @@ SimulationResult Simulator::Explore(const SimulationSetup& setup, std::uint64_t 
   SimulationSetup next = setup;
   for (std::uint64_t run = 0; run < runs; ++run, ++next.seed) {
     const std::uint64_t steps = total.steps;
-    total = [&] {
-      SimulationResult result = Run(next, scenario);
-      result.runs = run + 1;
-      result.faults += total.faults;
-      return result;
-    }();
+    const std::uint64_t faults = total.faults;
+    total = Run(next, scenario);
+    total.runs = run + 1;
     total.steps += steps;
+    total.faults += faults;
     if (!total.ok) break;
   }
   return total;
