@@ -132,8 +132,12 @@ TEST_F(CacheTest, TakesAllBuffersForLifeAndGivesThemBack) {
   MakeCacheOver(factory);
   EXPECT_EQ(kBlock, cache_->GetBlockSize());
   EXPECT_EQ(0u, factory->GetNumberOfBuffersFree());
-  Read(MakeSource(contents_), 0, 8 * kBlock);
+  MemorySource* const source = MakeSource(contents_);
+  Read(source, 0, 8 * kBlock);
+  // The threads of the cache may hold both for a moment longer than the reader waits.
+  EXPECT_TRUE(Eventually([source] { return source->GetRefCount() == 1; }));
   ReleaseSources();
+  EXPECT_TRUE(Eventually([this] { return cache_->GetRefCount() == 1; }));
   ReleaseCache();
   EXPECT_EQ(4u, factory->GetNumberOfBuffersFree());
   EXPECT_EQ(1, factory->GetRefCount());
