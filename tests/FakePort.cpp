@@ -37,7 +37,7 @@ class FakeHost::Port : public AsyncPort {
   bool Wait(std::uint32_t timeoutMs, Completion* completion) override {
     return host_->Wait(timeoutMs, completion);
   }
-  void Wake() override { host_->Wake(); }
+  void Wake(Signal) override { host_->Wake(); }
   bool IsAtEnd(HostFile* file, std::uint64_t position) override {
     return host_->IsAtEnd(file, position);
   }

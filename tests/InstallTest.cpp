@@ -510,7 +510,7 @@ TEST(InstallTest, AHandlerWhosePortsThrowHasNoWorker) {
     Started Issue(const Transfer&) override { return Started::kFailed; }
     void Cancel(std::uint32_t, std::uint32_t) override {}
     bool Wait(std::uint32_t, Completion*) override { return false; }
-    void Wake() override {}
+    void Wake(Signal) override {}
     bool IsAtEnd(HostFile*, std::uint64_t) override { return false; }
   };
   InChild([] {

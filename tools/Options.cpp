@@ -168,6 +168,7 @@ const char* CommandName(Command command) {
 Parsed ParseCommandLine(int count, const char* const* arguments) {
   Parsed parsed;
   CLI::App app("Reads, writes and copies large files with asynchronous, unbuffered I/O.", "orvane");
+  app.allow_windows_style_options(false);  // alike everywhere; names may begin with a slash
   app.footer(kFooter);
   app.set_version_flag("--version", "orvane " ORVANE_VERSION);
   app.require_subcommand(1);

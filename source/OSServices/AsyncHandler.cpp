@@ -89,7 +89,7 @@ FileSource::Result_t AsyncHandler::Submit(Direction direction, HostFile* file, B
       if (callback) callback->AddRef(kFile, "Orvane::AsyncHandler::Submit", __LINE__);
       const std::uint32_t deadlineMs = MTInterface::GetCurrentTimeMilli() + timeoutMs;
       if (QueueSlot(index, {direction, file, list, offset, totalBytes, deadlineMs, callback})) {
-        if (!IsOnWorker()) WakeWorker();
+        if (!IsOnWorker()) WakeWorker(AsyncPort::Signal::kWork);
         return FileSource::kResultPending;
       }
       if (callback) callback->DecRef(kFile, "Orvane::AsyncHandler::Submit", __LINE__);
@@ -118,7 +118,7 @@ void AsyncHandler::Cancel(HostFile* file) {
     fileToCancel_ = file;
     RaiseControl(kCancel);
   }
-  WakeWorker();
+  WakeWorker(AsyncPort::Signal::kCancel);
   cancelDone_->Wait(AsyncPort::kWaitForEver, 1);
 }
 
@@ -184,8 +184,8 @@ void AsyncHandler::RaiseControl(std::uint32_t bit) {
   }
 }
 
-void AsyncHandler::WakeWorker() {
-  if (port_) port_->Wake();
+void AsyncHandler::WakeWorker(AsyncPort::Signal signal) {
+  if (port_) port_->Wake(signal);
 }
 
 bool AsyncHandler::TakeControl(std::uint32_t bit) {

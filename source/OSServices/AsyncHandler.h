@@ -143,7 +143,7 @@ class AsyncHandler {
   void ReleaseClaim(std::uint32_t index);
   bool QueueSlot(std::uint32_t index, const Request& request);
   void RaiseControl(std::uint32_t bit);
-  void WakeWorker();
+  void WakeWorker(AsyncPort::Signal signal);
   bool TakeControl(std::uint32_t bit);
   bool IsOnWorker() const;
   static void SetWorkerOfThisThread(const AsyncHandler* handler);

@@ -205,15 +205,20 @@ void AsyncHandler::IssueSlot(std::uint32_t index) {
   ++slot.generation;
   std::size_t runCount = 0;
   const MemoryRun* const runs = slot.manager.GetRuns(&runCount);
+  const std::uint64_t page = PhysMemInterface::GetPageSize();
+  const std::uint64_t* const segments =
+      slot.issuedFrom % page == 0 ? slot.manager.GetSegmentArray(nullptr) + slot.issuedFrom / page
+                                  : nullptr;
   const AsyncPort::Started started =
       port_->Issue({index, slot.generation, slot.direction == kWrite, slot.file,
-                    slot.startOffset + slot.issuedFrom, runs, runCount});
+                    slot.startOffset + slot.issuedFrom, runs, runCount, segments,
+                    slot.totalBytes - slot.issuedFrom});
   if (started == AsyncPort::Started::kInFlight) return;
   // The host's answer is a completion like any other: reported from the loop, exactly once.
-  KeepForLater({index, slot.generation,
-                started == AsyncPort::Started::kEndOfFile ? AsyncPort::Outcome::kEndOfFile
-                                                          : AsyncPort::Outcome::kFailed,
-                0});
+  AsyncPort::Outcome outcome = AsyncPort::Outcome::kFailed;
+  if (started == AsyncPort::Started::kEndOfFile) outcome = AsyncPort::Outcome::kEndOfFile;
+  if (started == AsyncPort::Started::kRefused) outcome = AsyncPort::Outcome::kRefused;
+  KeepForLater({index, slot.generation, outcome, 0});
 }
 
 bool AsyncHandler::NextCompletion(AsyncPort::Completion* completion) {

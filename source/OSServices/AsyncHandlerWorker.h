@@ -16,7 +16,7 @@ class AsyncHandler::Worker : public MTThreadBody, public WaitServant {
  protected:
   void TerminateBody() override {
     handler_->RaiseControl(kStop);
-    handler_->WakeWorker();
+    handler_->WakeWorker(AsyncPort::Signal::kStop);
   }
   void ThreadMain(MTThread*) override { handler_->WorkerMain(); }
 

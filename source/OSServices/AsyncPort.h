@@ -23,6 +23,9 @@ class AsyncPort {
     std::uint64_t offset;   // bytes
     const MemoryRun* runs;  // what to move, in order; unchanged until the completion
     std::size_t runCount;   // at least 1
+    // The same page by page, a 0 behind the last; null where the transfer begins inside of a page.
+    const std::uint64_t* segments;
+    std::uint64_t length;  // of all, in bytes
   };
 
   enum class Outcome {
@@ -42,7 +45,15 @@ class AsyncPort {
   enum class Started {
     kInFlight,   // its completion will come out of Wait
     kEndOfFile,  // the host said so at once; no completion follows
-    kFailed,     // the host refused at once; no completion follows
+    kFailed,     // the host failed at once; no completion follows
+    kRefused,    // the host takes no such transfer (Outcome::kRefused); no completion follows
+  };
+
+  // Why the worker is woken.
+  enum class Signal {
+    kWork,    // there is something to issue
+    kStop,    // it is to end
+    kCancel,  // somebody waits for a cancel
   };
 
   static constexpr std::uint32_t kWaitForEver = 0xFFFFFFFF;
@@ -63,7 +74,7 @@ class AsyncPort {
   // False when there is none: the time ran out or Wake was called since the last Wait.
   virtual bool Wait(std::uint32_t timeoutMs, Completion* completion) = 0;
   // Any thread. Makes a current or the next Wait return.
-  virtual void Wake() = 0;
+  virtual void Wake(Signal signal) = 0;
   // True if `position` is known to be at or behind the end of the file; false if it is before it
   // or the host cannot tell without a transfer.
   virtual bool IsAtEnd(HostFile* file, std::uint64_t position) = 0;

@@ -113,7 +113,7 @@ bool AsyncPortThreadsLinux::Wait(std::uint32_t timeoutMs, Completion* completion
   }
 }
 
-void AsyncPortThreadsLinux::Wake() {
+void AsyncPortThreadsLinux::Wake(Signal) {
   {
     CritSecLock lock(lock_.get());
     woken_ = true;

@@ -121,7 +121,7 @@ bool AsyncPortUringLinux::Wait(std::uint32_t timeoutMs, Completion* completion) 
   }
 }
 
-void AsyncPortUringLinux::Wake() {
+void AsyncPortUringLinux::Wake(Signal) {
   if (wakePending_.exchange(true)) return;
   if (!sleeping_.load()) return;
   const std::uint64_t one = 1;

@@ -27,7 +27,7 @@ class AsyncPortUringLinux : public AsyncPort {
   Started Issue(const Transfer& transfer) override;
   void Cancel(std::uint32_t slot, std::uint32_t generation) override;
   bool Wait(std::uint32_t timeoutMs, Completion* completion) override;
-  void Wake() override;
+  void Wake(Signal signal) override;
   bool IsAtEnd(HostFile* file, std::uint64_t position) override;
 
  private:

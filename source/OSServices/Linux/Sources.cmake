@@ -10,5 +10,7 @@ list(APPEND ORVANE_SOURCES
   OSServices/Linux/NativeFileSourceLinux.cpp
   OSServices/Linux/NativeFileSysInterfaceImpLinux.cpp
   OSServices/Linux/PhysMemInterfaceImpLinux.cpp)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(liburing REQUIRED IMPORTED_TARGET liburing)
 find_package(Threads REQUIRED)
 set(ORVANE_HOST_LIBRARIES PkgConfig::liburing Threads::Threads)

@@ -54,7 +54,7 @@ bool AsyncPortSim::Wait(std::uint32_t timeoutMs, Completion* completion) {
   return false;
 }
 
-void AsyncPortSim::Wake() {
+void AsyncPortSim::Wake(Signal) {
   const SimInside inside;
   world_->Step(SimEvent::kPortWoken, 0);
   SimPublish(this);

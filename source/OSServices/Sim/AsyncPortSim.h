@@ -19,7 +19,7 @@ class AsyncPortSim : public AsyncPort, public SimWaitable {
   Started Issue(const Transfer& transfer) override;
   void Cancel(std::uint32_t slot, std::uint32_t generation) override;
   bool Wait(std::uint32_t timeoutMs, Completion* completion) override;
-  void Wake() override;
+  void Wake(Signal signal) override;
   bool IsAtEnd(HostFile* file, std::uint64_t position) override;
 
   bool IsReadyFor(const SimThread& thread) const override;

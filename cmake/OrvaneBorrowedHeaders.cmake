@@ -1,0 +1,31 @@
+# For cross builds: libraries that are headers and nothing else, taken from the building system. Each
+# is linked to by itself, as the rest of that system's headers must not be seen.
+function(orvane_borrow_headers target header)
+  if(TARGET ${target})
+    return()
+  endif()
+  string(REGEX REPLACE "/.*" "" what ${header})
+  find_path(ORVANE_BORROWED_${what} ${header} NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+  set(folder ${PROJECT_BINARY_DIR}/borrowed)
+  file(MAKE_DIRECTORY ${folder})
+  if(NOT EXISTS ${folder}/${what})
+    file(CREATE_LINK ${ORVANE_BORROWED_${what}}/${what} ${folder}/${what} SYMBOLIC)
+  endif()
+  add_library(${target} INTERFACE IMPORTED GLOBAL)
+  target_include_directories(${target} SYSTEM INTERFACE ${folder})
+  target_compile_definitions(${target} INTERFACE ${ARGN})
+endfunction()
+
+orvane_borrow_headers(CLI11::CLI11 CLI/CLI.hpp)
+orvane_borrow_headers(fmt::fmt fmt/format.h FMT_HEADER_ONLY)
+orvane_borrow_headers(nlohmann_json::nlohmann_json nlohmann/json.hpp)
+
+# Its header has the code too, for one source file.
+orvane_borrow_headers(OrvaneBorrowedXxhashHeader xxhash.h)
+if(NOT TARGET PkgConfig::libxxhash)
+  set(source ${PROJECT_BINARY_DIR}/borrowed/xxhash.cpp)
+  file(WRITE ${source} "#define XXH_STATIC_LINKING_ONLY\n#define XXH_IMPLEMENTATION\n#include <xxhash.h>\n")
+  add_library(OrvaneBorrowedXxhash STATIC ${source})
+  target_link_libraries(OrvaneBorrowedXxhash PUBLIC OrvaneBorrowedXxhashHeader)
+  add_library(PkgConfig::libxxhash ALIAS OrvaneBorrowedXxhash)
+endif()
