@@ -139,6 +139,7 @@ void OwnReads::Start(Cache* cache, SimSource& source, std::uint64_t offset, std:
     reads_.push_back(std::make_unique<OwnRead>(&source, offset, size));
     read = reads_.back().get();
   }
+  source.NoteOtherRead();
   read->Start(cache, sinceMicro_);
 }
 

@@ -318,7 +318,7 @@ bool SimRequest::MayHaveWaitedTooLong() const {
   if (now < kQueueMicros) return false;
   const auto old = [now](std::uint64_t since) { return since <= now - kQueueMicros; };
   if (old(beginMicro_)) return true;
-  for (const std::uint64_t asked : source_->preReads_) {
+  for (const std::uint64_t asked : source_->otherReads_) {
     if (old(asked)) return true;
   }
   return std::any_of(source_->bench_->requests_.begin(), source_->bench_->requests_.end(),
