@@ -10,6 +10,7 @@
 
 #include "Orvane.h"
 #include "OrvaneSimulator.h"
+#include "SimCalm.h"
 #include "SimFileModel.h"
 #include "SimMemory.h"
 
@@ -18,9 +19,6 @@ namespace Orvane {
 class SimBench;
 class SimRequest;
 class SimSource;
-
-// How long a request of a file waits to be issued before it fails.
-constexpr std::uint64_t kMostQueueMicros = 10000000;
 
 // Thrown out of the bench when something that the scenario stands on could not be made because the
 // host was made to fail; ends the scenario early, which is no failure.
