@@ -1,11 +1,8 @@
 // Names, opening, closing and deleting of native files.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <filesystem>
 
 #include "FileTestTools.h"
+#include "TestHost.h"
 
 namespace Orvane {
 namespace {
@@ -215,7 +212,7 @@ TEST_F(NativeFileTest, AnOpenFileOutlivesItsName) {
   const TestFile file("unlinked");
   ASSERT_TRUE(file.FillWithPattern(0, Page()));
   const Source source(OpenSource(file.Path(), OpenFor::kRead));
-  ASSERT_EQ(0, unlink(file.Path().c_str()));
+  ASSERT_TRUE(file.Remove());
   EXPECT_EQ((Outcome{kOK, Page()}), ReadInto(source, 0, OnePage()));
   EXPECT_TRUE(HasPattern(memory_.At(), Page(), 0));
 }
@@ -241,13 +238,12 @@ TEST_F(NativeFileTest, ReopeningManyTimesLeavesNoDescriptorBehind) {
   const TestFile file("many-times");
   ASSERT_TRUE(file.FillWithPattern(0, Page()));
   const Source source(NewSource(file.Path()));
-  const std::string path = std::filesystem::canonical(file.Path());
   for (int round = 0; round < 200; ++round) {
     ASSERT_TRUE(source->Open(true, false, false));
     ASSERT_EQ((Outcome{kOK, Page()}), ReadInto(source, 0, OnePage()));
     ASSERT_TRUE(source->Close());
   }
-  EXPECT_TRUE(Eventually([&] { return !StateOfDescriptorOn(path).found; }));
+  EXPECT_TRUE(Eventually([&] { return !IsOpenHere(file.Path()); }));
 }
 
 class NativeFileNameTest : public NativeFileTest {
@@ -260,7 +256,7 @@ class NativeFileNameTest : public NativeFileTest {
   std::string OnlyEntry() const {
     std::string found;
     for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
-      found += entry.path().filename();
+      found += entry.path().filename().string();
     }
     return found;
   }

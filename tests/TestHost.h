@@ -1,0 +1,39 @@
+// What the tests need of the operating system beyond the library and the standard library. One
+// implementation per host folder.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace Orvane {
+
+std::uint64_t GetProcessNumber();
+std::uint64_t GetHostPageSize();
+
+// A new empty directory below that for temporary files; others may look into it.
+std::string NewTemporaryDirectory();
+
+// Page-aligned memory, all zero, of which only what is touched takes room. Ends the process where
+// there is none.
+unsigned char* ReserveMemory(std::size_t size);
+void FreeMemory(unsigned char* memory, std::size_t size);
+
+// The same memory many times in a row: gigabytes for the price of one chunk. Null where the host
+// cannot.
+unsigned char* RepeatMemory(std::size_t chunk, std::size_t count);
+void FreeRepeatedMemory(unsigned char* memory, std::size_t chunk, std::size_t count);
+
+// Bytes of memory that could be had without paging; 0 when unknown.
+std::uint64_t GetAvailableMemory();
+
+// Whether this process has the file open.
+bool IsOpenHere(const std::string& path);
+
+// Whether unbuffered reads of the file may begin anywhere.
+bool TakesUnalignedOffsets(const std::string& path);
+
+// The time that the process has used of all processors, in microseconds.
+std::uint64_t GetProcessorMicros();
+
+}  // namespace Orvane
