@@ -14,19 +14,7 @@ inline unsigned char PatternByte(std::uint64_t position, std::uint64_t seed = 0)
 }
 
 // The bytes from `position` of a file on.
-inline void FillPattern(void* data, std::size_t size, std::uint64_t position,
-                        std::uint64_t seed = 0) {
-  auto* const bytes = static_cast<unsigned char*>(data);
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = PatternByte(position + i, seed);
-}
-
-inline bool HasPattern(const void* data, std::size_t size, std::uint64_t position,
-                       std::uint64_t seed = 0) {
-  const auto* const bytes = static_cast<const unsigned char*>(data);
-  for (std::size_t i = 0; i < size; ++i) {
-    if (bytes[i] != PatternByte(position + i, seed)) return false;
-  }
-  return true;
-}
+void FillPattern(void* data, std::size_t size, std::uint64_t position, std::uint64_t seed = 0);
+bool HasPattern(const void* data, std::size_t size, std::uint64_t position, std::uint64_t seed = 0);
 
 }  // namespace Orvane

@@ -51,11 +51,13 @@ SimRequest& SimSource::WriteNow(std::uint64_t offset, std::uint64_t size, SimReq
 }
 
 void SimSource::PreRead(std::uint64_t offset, std::uint64_t size, std::uint32_t dueTime) {
-  {
-    const Exempt exempt;
-    preReads_.push_back(Simulator::GetTimeMicro());
-  }
+  NoteOtherRead();
   source_->PreRead(offset, size, dueTime, MTThread::kPriorityNormal);
+}
+
+void SimSource::NoteOtherRead() {
+  const Exempt exempt;
+  otherReads_.push_back(Simulator::GetTimeMicro());
 }
 
 void SimSource::Cancel() {

@@ -10,6 +10,7 @@
 
 #include "Orvane.h"
 #include "OrvaneSimulator.h"
+#include "SimCalm.h"
 #include "SimFileModel.h"
 #include "SimMemory.h"
 
@@ -118,6 +119,8 @@ class SimSource {
   SimRequest& ReadNow(std::uint64_t offset, std::uint64_t size, SimRequestForm form = {});
   SimRequest& WriteNow(std::uint64_t offset, std::uint64_t size, SimRequestForm form = {});
   void PreRead(std::uint64_t offset, std::uint64_t size, std::uint32_t dueTime = 0);
+  // Somebody reads it past the bench; a request that waits too long fails the others of its file.
+  void NoteOtherRead();
   void Cancel();
   void Purge();
   void Invalidate(std::uint64_t offset, std::uint64_t size);
@@ -167,7 +170,7 @@ class SimSource {
   bool isOpen_ = false;   // false also where nobody knows
   bool isWhole_ = false;  // nothing failed while it was opened
   std::vector<Event> events_;
-  std::vector<std::uint64_t> preReads_;  // when they were asked for, microseconds
+  std::vector<std::uint64_t> otherReads_;  // when they were asked for, microseconds
 };
 
 // Everything of one run. A scenario makes one, does its work and calls Finish.

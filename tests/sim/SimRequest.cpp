@@ -10,7 +10,6 @@ namespace {
 using Exempt = SimulatorAllocations::Exempt;
 
 constexpr const char* kFile = "tests/sim/SimRequest";
-constexpr std::uint64_t kQueueMicros = 10000000;  // how long a request may wait to be issued
 
 // While the calling thread is inside of a report.
 class ReportMark {
@@ -315,10 +314,10 @@ bool SimRequest::MayFail() const {
 // over long ago: a fill goes on when those that waited for it have failed.
 bool SimRequest::MayHaveWaitedTooLong() const {
   const std::uint64_t now = Simulator::GetTimeMicro();
-  if (now < kQueueMicros) return false;
-  const auto old = [now](std::uint64_t since) { return since <= now - kQueueMicros; };
+  if (now < kMostQueueMicros) return false;
+  const auto old = [now](std::uint64_t since) { return since <= now - kMostQueueMicros; };
   if (old(beginMicro_)) return true;
-  for (const std::uint64_t asked : source_->preReads_) {
+  for (const std::uint64_t asked : source_->otherReads_) {
     if (old(asked)) return true;
   }
   return std::any_of(source_->bench_->requests_.begin(), source_->bench_->requests_.end(),

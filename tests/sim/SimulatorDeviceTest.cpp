@@ -48,7 +48,8 @@ class Bench {
     file_ = new HostFileSim(SimWorld::Current()->Device().Find("file"), forRead, forWrite);
   }
   Started Issue(std::uint32_t slot, bool write, std::uint64_t offset) {
-    return port_.Issue({slot, 1, write, file_, offset, &runs_[slot], 1});
+    return port_.Issue(
+        {slot, 1, write, file_, offset, &runs_[slot], 1, /*segments=*/nullptr, runs_[slot].length});
   }
   AsyncPort::Completion Next() {
     AsyncPort::Completion completion{};

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <chrono>
 #include <set>
+#include <thread>
 
 #include "LiveAllocations.h"
 #include "OSServices/Sim/SimPolicy.h"

@@ -111,7 +111,6 @@ ORVANE_SMALL_SCENARIO(NoCallback, "Transfers without a callback, of which one is
   cancelled.CheckAtRest();
   done.CheckAtRest();
   // Time may have jumped past what a request waits to be issued at most, and nobody tells.
-  constexpr std::uint64_t kMostQueueMicros = 10000000;
   if (Simulator::GetFaults() != 0 || Simulator::GetTimeMicro() - begin >= kMostQueueMicros) return;
   const SimulatorAllocations::Exempt exempt;
   const std::string wrong = file.Check(done.Memory().Gather(kPage).data(), kPage, kPage,

@@ -159,7 +159,7 @@ ORVANE_SCENARIO(DiskFull, "Writes that find no room fail; what lies inside of th
   SimSource& source = bench.NewSource(file);
   SimulatedFiles::SetCapacity((3 + Simulator::Random(3)) * kPage);
   bench.ExpectErrors();
-  const std::uint64_t waitsTooLongFrom = Simulator::GetTimeMicro() + 10000000;
+  const std::uint64_t waitsTooLongFrom = Simulator::GetTimeMicro() + kMostQueueMicros;
   for (int k = 0; k < 5; ++k) {
     SimRequestForm form;
     form.onReport = [waitsTooLongFrom](SimRequest& request) {

@@ -2,11 +2,13 @@
 
 #include <process.h>
 
+#include <atomic>
 #include <memory>
+#include <new>
 
 namespace Orvane {
 
-// Of the starting and of the new thread; deleted by whichever of them is done with it last.
+// Of the starting and of the new thread: whichever of them leaves last deletes it.
 struct MTThreadWin::Launch {
   explicit Launch(MTThreadWin* startedThread)
       : thread(startedThread), adjusted(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {}
@@ -16,8 +18,13 @@ struct MTThreadWin::Launch {
   Launch(const Launch&) = delete;
   Launch& operator=(const Launch&) = delete;
 
+  void Leave() {
+    if (--users == 0) delete this;
+  }
+
   MTThreadWin* const thread;
   const HANDLE adjusted;  // set once affinity and priority are set
+  std::atomic<int> users{2};
 };
 
 MTThreadWin::MTThreadWin(MTThreadBody* body, MTPriority priority, std::uint64_t processorMask)
@@ -29,42 +36,30 @@ MTThreadWin::~MTThreadWin() {
 }
 
 bool MTThreadWin::Start() {
-  auto launch = std::make_shared<Launch>(this);
-  if (!launch->adjusted) {
+  std::unique_ptr<Launch> launch(new (std::nothrow) Launch(this));
+  std::uintptr_t started = 0;
+  if (launch && launch->adjusted) {
+    started = _beginthread(&MTThreadWin::StartRoutine, 0, launch.get());
+  }
+  if (started == 0 || started == static_cast<std::uintptr_t>(-1)) {
     ForgetBody();
     return false;
   }
-  auto argument = std::make_unique<std::shared_ptr<Launch>>(launch);
-  const std::uintptr_t started = _beginthread(&MTThreadWin::StartRoutine, 0, argument.get());
-  if (started == static_cast<std::uintptr_t>(-1) || started == 0) {
-    ForgetBody();
-    return false;
-  }
-  static_cast<void>(argument.release());  // the new thread's
-  handle_ = reinterpret_cast<HANDLE>(started);
-  // KEPT: set on the running thread; its first instructions may run without them.
-  ApplyAffinity();
-  ApplyPriority();
-  handle_ = nullptr;
+  const auto handle = reinterpret_cast<HANDLE>(started);
+  // KEPT: set on the running thread; its first instructions may run without them. The host refuses
+  // the empty mask of kProcessorAny, and the thread runs anywhere. Best effort.
+  SetThreadAffinityMask(handle, static_cast<DWORD_PTR>(processorMask_));
+  SetThreadPriority(handle, HostPriority(priority_));
   SetEvent(launch->adjusted);
+  launch.release()->Leave();
   return true;
 }
 
 void MTThreadWin::StartRoutine(void* argument) {
-  const std::unique_ptr<std::shared_ptr<Launch>> owned(
-      static_cast<std::shared_ptr<Launch>*>(argument));
-  const std::shared_ptr<Launch> launch = *owned;
+  auto* const launch = static_cast<Launch*>(argument);
   launch->thread->Run();
   WaitForSingleObject(launch->adjusted, INFINITE);
-}
-
-void MTThreadWin::ApplyAffinity() {
-  // KEPT: the host refuses the empty mask of kProcessorAny, and the thread runs anywhere.
-  SetThreadAffinityMask(handle_, static_cast<DWORD_PTR>(processorMask_));  // best effort
-}
-
-void MTThreadWin::ApplyPriority() {
-  SetThreadPriority(handle_, HostPriority(priority_));  // best effort
+  launch->Leave();
 }
 
 int HostPriority(MTThread::MTPriority priority) {

@@ -25,12 +25,9 @@ class MTThreadWin : public MTThread {
   struct Launch;
 
   static void StartRoutine(void* launch);
-  void ApplyAffinity();
-  void ApplyPriority();
 
   const MTPriority priority_;
   const std::uint64_t processorMask_;
-  HANDLE handle_ = nullptr;  // the run-time library's; used only by Start
 };
 
 // The host's number for a priority.
