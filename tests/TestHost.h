@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace Orvane {
@@ -32,6 +33,9 @@ bool IsOpenHere(const std::string& path);
 
 // Whether unbuffered reads of the file may begin anywhere.
 bool TakesUnalignedOffsets(const std::string& path);
+
+// Has it called as one of the last things that the calling thread does; once per thread.
+void CallAtEndOfThread(std::function<void()> function);
 
 // The time that the process has used of all processors, in microseconds.
 std::uint64_t GetProcessorMicros();

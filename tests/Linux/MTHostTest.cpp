@@ -3,16 +3,20 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include "MTInterface.h"
 #include "OSServices/Linux/MTThreadLinux.h"
 #include "OrvaneTest.h"
+#include "TestHost.h"
 
 namespace Orvane {
 namespace {
@@ -172,6 +176,17 @@ TEST_F(MTHostTest, ThreadsThatWereReapedOrDeletedLeaveNoStack) {
   const std::uint64_t before = AddressSpace();
   for (int i = 0; i < kThreads; ++i) runOne(i % 2 == 0);
   EXPECT_LT(AddressSpace(), before + kThreads * each / 2);
+}
+
+TEST_F(MTHostTest, ATerminatedThreadHasTakenItsLastStep) {
+  std::atomic<bool> taken{false};
+  RunWith(MTThread::kPriorityNormal, MTThread::kProcessorAny, [&] {
+    CallAtEndOfThread([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds{50});
+      taken = true;
+    });
+  });
+  EXPECT_TRUE(taken);
 }
 
 }  // namespace

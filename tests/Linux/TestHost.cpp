@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 #include "LinuxDescriptors.h"
 
@@ -82,6 +83,15 @@ bool TakesUnalignedOffsets(const std::string& path) {
   FreeMemory(memory, kPage);
   close(file);
   return takes;
+}
+
+void CallAtEndOfThread(std::function<void()> function) {
+  struct Caller {
+    std::function<void()> function;
+    ~Caller() { function(); }
+  };
+  thread_local Caller caller;
+  caller.function = std::move(function);
 }
 
 std::uint64_t GetProcessorMicros() {

@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
+#include <utility>
 
 #include "OSServices/Win/HostHeadersWin.h"
 
@@ -105,6 +107,16 @@ bool TakesUnalignedOffsets(const std::string& path) {
   const bool takes = ReadFile(file.Get(), memory, kPage, &bytes, &place) != 0;
   FreeMemory(memory, kPage);
   return takes;
+}
+
+// Not a thread_local object: some run-times take away its memory before they destroy it.
+void CallAtEndOfThread(std::function<void()> function) {
+  using Function = std::function<void()>;
+  static const DWORD slot = FlsAlloc([](void* data) {
+    const std::unique_ptr<Function> last(static_cast<Function*>(data));
+    if (last) (*last)();
+  });
+  FlsSetValue(slot, new Function(std::move(function)));
 }
 
 std::uint64_t GetProcessorMicros() {
