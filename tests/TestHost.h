@@ -39,5 +39,12 @@ void CallAtEndOfThread(std::function<void()> function);
 
 // The time that the process has used of all processors, in microseconds.
 std::uint64_t GetProcessorMicros();
+// In steps of that.
+std::uint64_t GetProcessorStepMicros();
+
+// What a semaphore can count to.
+std::uint32_t GetLargestSemaphoreCount();
+// So many units a semaphore gives out one at a time within seconds.
+std::uint32_t GetManySemaphoreUnits();
 
 }  // namespace Orvane

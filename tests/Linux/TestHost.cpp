@@ -101,4 +101,16 @@ std::uint64_t GetProcessorMicros() {
          static_cast<std::uint64_t>(used.tv_nsec) / 1000U;
 }
 
+std::uint64_t GetProcessorStepMicros() {
+  return 1;
+}
+
+std::uint32_t GetLargestSemaphoreCount() {
+  return 0xFFFFFFFF;
+}
+
+std::uint32_t GetManySemaphoreUnits() {
+  return 8000000;
+}
+
 }  // namespace Orvane

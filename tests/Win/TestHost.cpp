@@ -128,4 +128,17 @@ std::uint64_t GetProcessorMicros() {
   return ToMicros(kernel) + ToMicros(user);
 }
 
+std::uint64_t GetProcessorStepMicros() {
+  return 15625;
+}
+
+std::uint32_t GetLargestSemaphoreCount() {
+  return 0x7FFFFFFF;
+}
+
+// Each is a call of the system.
+std::uint32_t GetManySemaphoreUnits() {
+  return 1000000;
+}
+
 }  // namespace Orvane
