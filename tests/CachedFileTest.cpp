@@ -78,7 +78,7 @@ TEST_F(CachedFileTest, AnyRangeOfAFileOfOddSizeIsRead) {
   std::minstd_rand random(seed);
   for (const std::size_t size :
        {std::size_t{1}, Page() - 1, 4 * Page(), 4 * Page() + 1, 77 * Page() + 1234}) {
-    const TestFile file("odd");
+    const TestFile file("odd-" + std::to_string(size));
     ASSERT_TRUE(file.FillWithPattern(0, size));
     const Source source(OpenCached(file.Path(), cache));
     for (int round = 0; round < 200; ++round) {

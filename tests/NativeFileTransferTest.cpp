@@ -153,8 +153,11 @@ TEST_F(NativeFileTransferTest, OffsetsReachFarBeyond32Bits) {
   const Memory memory(4 * Page());
   const TestFile file("far");
   const Source source(OpenSource(file.Path(), OpenFor::kReadAndWrite, /*create=*/true));
-  const std::uint64_t offsets[] = {2 * kGiB - Page(), 4 * kGiB - Page(), 4 * kGiB + 8 * Page(),
-                                   1024 * kGiB + 3 * Page(), 5 * 1024 * kGiB};
+  std::vector<std::uint64_t> offsets{2 * kGiB - Page(), 4 * kGiB - Page(), 4 * kGiB + 8 * Page()};
+  if (HasSparseFiles()) {
+    offsets.push_back(1024 * kGiB + 3 * Page());
+    offsets.push_back(5 * 1024 * kGiB);
+  }
   const Pieces pieces = PagesOf(memory, {3, 0});
   for (const std::uint64_t offset : offsets) {
     SCOPED_TRACE(offset);
@@ -172,6 +175,7 @@ TEST_F(NativeFileTransferTest, OffsetsReachFarBeyond32Bits) {
 }
 
 TEST_F(NativeFileTransferTest, HolesOfASparseFileReadAsZeros) {
+  if (!HasSparseFiles()) GTEST_SKIP() << "a file of 10 TiB takes 10 TiB here";
   const Memory memory(4 * Page());
   const TestFile file("sparse");
   ASSERT_TRUE(file.Resize(10 * 1024 * kGiB + 77));

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace Orvane {
 
@@ -30,6 +31,14 @@ std::uint64_t GetAvailableMemory();
 
 // Whether this process has the file open.
 bool IsOpenHere(const std::string& path);
+
+// Whether a file that is made longer takes no more room.
+bool HasSparseFiles();
+
+// Names of files that something between the library and the disk might take for something else.
+std::vector<std::string> GetOddFileNames();
+// In bytes, of a file in the directory; 255 at most.
+std::size_t GetLongestFileName(const std::string& directory);
 
 // Whether unbuffered reads of the file may begin anywhere.
 bool TakesUnalignedOffsets(const std::string& path);

@@ -74,6 +74,30 @@ bool IsOpenHere(const std::string& path) {
   return StateOfDescriptorOn(std::filesystem::weakly_canonical(path).string()).found;
 }
 
+bool HasSparseFiles() {
+  return true;
+}
+
+std::vector<std::string> GetOddFileNames() {
+  return {"-rf",
+          "%s%n%d",
+          "new\nline",
+          "tab\tand space ",
+          " ",
+          "\xFF\xFE",
+          "a\\b",
+          "*?[a]",
+          "$(id)`id`;|&",
+          "~",
+          "gr\xC3\xBC\xC3\x9F",
+          "\xE6\x96\x87\xE4\xBB\xB6",
+          "\"'"};
+}
+
+std::size_t GetLongestFileName(const std::string&) {
+  return 255;
+}
+
 bool TakesUnalignedOffsets(const std::string& path) {
   constexpr std::size_t kPage = 4096;
   const int file = open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);

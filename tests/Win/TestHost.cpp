@@ -1,5 +1,6 @@
 #include "TestHost.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -93,6 +94,32 @@ bool IsOpenHere(const std::string& path) {
   const Handle alone(CreateFileA(path.c_str(), GENERIC_READ, /*dwShareMode=*/0, nullptr,
                                  OPEN_EXISTING, 0, nullptr));
   return !alone.IsGood() && GetLastError() == ERROR_SHARING_VIOLATION;
+}
+
+// Only those that were declared so.
+bool HasSparseFiles() {
+  return false;
+}
+
+// Without the characters that the host keeps for itself, and without a space or dot at the end,
+// which it leaves out.
+std::vector<std::string> GetOddFileNames() {
+  return {"-rf",
+          "%s%n%d",
+          " before",
+          "$(id)`id`;&",
+          "~",
+          "[a] {b} ^,=+!",
+          "gr\xC3\xBC\xC3\x9F",
+          "\xE6\x96\x87\xE4\xBB\xB6",
+          "'"};
+}
+
+// The whole path has less than 260 characters.
+std::size_t GetLongestFileName(const std::string& directory) {
+  const std::size_t rest =
+      MAX_PATH - 1 - (std::filesystem::absolute(directory).string().size() + 1);
+  return std::min<std::size_t>(rest, 255);
 }
 
 bool TakesUnalignedOffsets(const std::string& path) {
