@@ -11,6 +11,9 @@ foreach(kind IN ITEMS EXE SHARED)
   set(CMAKE_${kind}_LINKER_FLAGS_INIT "-static")
 endforeach()
 
+# How ctest runs what was built.
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../../scripts/wine)
+
 set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
