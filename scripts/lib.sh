@@ -48,6 +48,7 @@ need_tests() {
 need_windows() {
   need_build
   need_command x86_64-w64-mingw32-g++-posix g++-mingw-w64-x86-64-posix
+  need_command clang++ clang
   wanted+=("googletest sources-of-GoogleTest googletest")
   wanted+=("wine wine64 wine64")
 }
