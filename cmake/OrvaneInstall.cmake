@@ -45,6 +45,12 @@ install(FILES
 file(RELATIVE_PATH ORVANE_PC_PREFIX
   "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" ORVANE_PC_PREFIX "${ORVANE_PC_PREFIX}")
+set(ORVANE_PC_REQUIRES)
+set(ORVANE_PC_LIBS)
+if(ORVANE_HOST STREQUAL "Linux")
+  set(ORVANE_PC_REQUIRES liburing)
+  set(ORVANE_PC_LIBS -pthread)
+endif()
 foreach(package IN ITEMS orvane orvane-static)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${package}.pc.in
     ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)

@@ -27,7 +27,8 @@ class ORVANE_EXPORT ORVANE_CAPABILITY("critical section") MTCritSec {
   MTCritSec& operator=(const MTCritSec&) = delete;
 };
 
-// A counting semaphore with a maximum.
+// A counting semaphore with a maximum: 0xFFFFFFFF at most on Linux, 0x7FFFFFFF on Windows. One that
+// the host could not make fails every call.
 // Guarantees: what happened before Release is visible after the Wait that took its unit. The host
 // semaphores may be deleted as soon as that Wait returned, even while Release is still returning.
 class ORVANE_EXPORT MTSemaphore {

@@ -44,6 +44,15 @@ need_tests() {
   need_command patch patch
 }
 
+# The library, its tests and the tool for Windows, and something to run them under.
+need_windows() {
+  need_build
+  need_command x86_64-w64-mingw32-g++-posix g++-mingw-w64-x86-64-posix
+  need_command clang++ clang
+  wanted+=("googletest sources-of-GoogleTest googletest")
+  wanted+=("wine wine64 wine64")
+}
+
 need_coverage() {
   need_tests
   need_command clang++ clang
@@ -70,6 +79,8 @@ has_need() { # kind name
       [ -e "$(clang++ -print-file-name="libclang_rt.profile-$(uname -m).a" 2>/dev/null)" ] ||
         [ -e "$(clang++ -print-file-name=libclang_rt.profile.a 2>/dev/null)" ]
       ;;
+    googletest) [ -e /usr/src/googletest/CMakeLists.txt ] ;;
+    wine) command -v wine64 /usr/lib/wine/wine64 >/dev/null ;;
     compiler) command -v c++ >/dev/null || command -v g++ >/dev/null || command -v clang++ >/dev/null ;;
   esac
 }

@@ -96,7 +96,7 @@ StressMemory::StressMemory(StressRandom* random, std::size_t size, bool whole, b
 }
 
 StressMemory::~StressMemory() {
-  for (unsigned char* const memory : allocated_) std::free(memory);
+  for (unsigned char* const memory : allocated_) ::operator delete(memory, alignment_);
 }
 
 void StressMemory::MakePieces(StressRandom* random, std::size_t size, bool whole, bool onePiece) {
@@ -109,8 +109,9 @@ void StressMemory::MakePieces(StressRandom* random, std::size_t size, bool whole
     left -= sizes.back();
   }
   if (afterwards_ == Afterwards::kFree) {
+    alignment_ = std::align_val_t(whole ? Page() : std::size_t{1});
     for (const std::size_t piece : sizes) {
-      void* const memory = whole ? std::aligned_alloc(Page(), piece) : std::malloc(piece);
+      void* const memory = ::operator new(piece, alignment_);
       allocated_.push_back(static_cast<unsigned char*>(memory));
       pieces_.emplace_back(allocated_.back(), piece);
     }
@@ -165,7 +166,7 @@ void StressMemory::LetGo() {
       mapped_.reset();
       break;
     case Afterwards::kFree:
-      for (unsigned char* const memory : allocated_) std::free(memory);
+      for (unsigned char* const memory : allocated_) ::operator delete(memory, alignment_);
       allocated_.clear();
       break;
   }

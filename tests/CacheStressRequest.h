@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "CacheStressModel.h"
@@ -93,6 +94,7 @@ class StressMemory {
   const Afterwards afterwards_;
   std::unique_ptr<Memory> mapped_;
   std::vector<unsigned char*> allocated_;
+  std::align_val_t alignment_{1};  // of those
   Pieces pieces_;
 };
 

@@ -12,6 +12,7 @@
 #include "Cache.h"
 #include "FileTestTools.h"
 #include "MemorySource.h"
+#include "TestHost.h"
 
 namespace Orvane {
 namespace {
@@ -77,7 +78,7 @@ TEST_F(CachedFileTest, AnyRangeOfAFileOfOddSizeIsRead) {
   std::minstd_rand random(seed);
   for (const std::size_t size :
        {std::size_t{1}, Page() - 1, 4 * Page(), 4 * Page() + 1, 77 * Page() + 1234}) {
-    const TestFile file("odd");
+    const TestFile file("odd-" + std::to_string(size));
     ASSERT_TRUE(file.FillWithPattern(0, size));
     const Source source(OpenCached(file.Path(), cache));
     for (int round = 0; round < 200; ++round) {
@@ -310,7 +311,7 @@ TEST_F(CachedFileTest, ReleasedRightBehindTheStartAReadStillEnds) {
   }
   EXPECT_EQ(std::vector<Outcome>(kRounds, {kOK, 20 * Page()}), reports->WaitFor(kRounds));
   EXPECT_EQ(kRounds / 8 * 8, good);
-  EXPECT_TRUE(Eventually([&] { return !StateOfDescriptorOn(file.Path()).found; }));
+  EXPECT_TRUE(Eventually([&] { return !IsOpenHere(file.Path()); }));
   EXPECT_TRUE(Eventually([&] { return reports->GetRefCount() == 1; }));
   EXPECT_EQ(kRounds, reports->Count());
 }
@@ -548,7 +549,7 @@ TEST_F(CachedFileCallbackTest, TheLastReleaseInsideAReportWorksOnTheIoThread) {
     }
     ASSERT_EQ(1u, reports->WaitFor(1).size());
     ASSERT_TRUE(Eventually([&] { return reports->GetRefCount() == 1; }));
-    ASSERT_TRUE(Eventually([&] { return !StateOfDescriptorOn(file_->Path()).found; }));
+    ASSERT_TRUE(Eventually([&] { return !IsOpenHere(file_->Path()); }));
   }
 }
 
@@ -569,7 +570,7 @@ TEST_F(CachedFileCallbackTest, TheLastReleaseInsideAReportWorksOnTheCallersThrea
     ASSERT_EQ(kPending, Start(source, 0, 0, Page(), reports));
     EXPECT_TRUE(remove ? source->Delete() : source->Close());
     EXPECT_EQ(std::vector<Outcome>({{kFailed, 0}}), reports->WaitFor(1));
-    EXPECT_TRUE(Eventually([&] { return !StateOfDescriptorOn(file_->Path()).found; }));
+    EXPECT_TRUE(Eventually([&] { return !IsOpenHere(file_->Path()); }));
     holder->CompleteAll();
     EXPECT_EQ(1u, holdersReports->WaitFor(1).size());
   }

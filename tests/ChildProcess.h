@@ -1,8 +1,6 @@
 // Tests of state that a process has once: each runs its facts in a child process of its own.
 #pragma once
 
-#include <sys/types.h>
-
 #include <functional>
 #include <string>
 
@@ -10,17 +8,20 @@ namespace Orvane {
 
 // Runs `facts` in a child process, in which the library is not initialised. Expectations that fail
 // there are printed and fail the test here, as do exceptions, crashes and a child that takes longer
-// than a minute.
+// than a minute. Not every host can copy a process: `facts` may run in another one that got there
+// by running the test from its beginning.
 void InChild(const std::function<void()>& facts);
 
-// Runs `work` in a child of the calling process, which may have threads, and answers how it ended:
-// "exit 0", "signal 11", or "still running" after 20 seconds, in which case it is killed.
-std::string OutcomeInFork(const std::function<int()>& work);
-
 // The text that is thrown as a const char*, or what happens instead.
-std::string TextThrownBy(const std::function<void()>& work);
-
-// Gives up the privileges of root for good; false if that is not possible. True without any.
-bool DropPrivileges();
+inline std::string TextThrownBy(const std::function<void()>& work) {
+  try {
+    work();
+  } catch (const char* text) {
+    return text;
+  } catch (...) {
+    return "(something else)";
+  }
+  return "(nothing)";
+}
 
 }  // namespace Orvane

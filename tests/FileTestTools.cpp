@@ -1,26 +1,16 @@
 #include "FileTestTools.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sched.h>
-#include <spawn.h>
-#include <sys/mman.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <ostream>
+#include <system_error>
 
 #include "MTInterface.h"
 #include "PhysMemInterface.h"
+#include "TestHost.h"
 
 namespace Orvane {
 namespace {
@@ -29,21 +19,11 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kReportLimit = std::chrono::seconds(60);
 constexpr auto kPollLimit = std::chrono::seconds(30);
 
-// A descriptor that is closed at the end of the block.
-class Descriptor {
- public:
-  Descriptor(const std::string& path, int flags)
-      : number_(open(path.c_str(), flags | O_CLOEXEC, 0666)) {}
-  ~Descriptor() {
-    if (number_ >= 0) close(number_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int Get() const { return number_; }
-
- private:
-  const int number_;
-};
+// Opens for reading and writing; makes the file if need be.
+std::fstream OpenToChange(const std::string& path) {
+  std::ofstream(path, std::ios::binary | std::ios::app).close();
+  return std::fstream(path, std::ios::binary | std::ios::in | std::ios::out);
+}
 
 }  // namespace
 
@@ -60,15 +40,10 @@ bool Eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-Memory::Memory(std::size_t size) : size_(size), data_(nullptr) {
-  void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (memory == MAP_FAILED) std::abort();
-  data_ = static_cast<unsigned char*>(memory);
-}
+Memory::Memory(std::size_t size) : size_(size), data_(ReserveMemory(size)) {}
 
 Memory::~Memory() {
-  munmap(data_, size_);
+  FreeMemory(data_, size_);
 }
 
 void Memory::FillWith(unsigned char value) const {
@@ -121,40 +96,49 @@ Outcome WriteFrom(FileSource* source, std::uint64_t offset, const Pieces& pieces
 }
 
 TestFile::TestFile(const std::string& name) : path_(OrvaneTest::PathOf(name)) {
-  unlink(path_.c_str());
+  Remove();
 }
 
 TestFile::~TestFile() {
-  unlink(path_.c_str());
+  Remove();
+}
+
+bool TestFile::Remove() const {
+  std::error_code error;
+  return std::filesystem::remove(path_, error);
 }
 
 bool TestFile::Exists() const {
-  return access(path_.c_str(), F_OK) == 0;
+  std::error_code error;
+  return std::filesystem::exists(path_, error);
 }
 
 std::uint64_t TestFile::Size() const {
-  struct stat status {};
-  return stat(path_.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+  std::error_code error;
+  const std::uintmax_t size = std::filesystem::file_size(path_, error);
+  return error ? 0 : size;
 }
 
 bool TestFile::Resize(std::uint64_t size) const {
-  const Descriptor file(path_, O_RDWR | O_CREAT);
-  return file.Get() >= 0 && ftruncate(file.Get(), static_cast<off_t>(size)) == 0;
+  if (!OpenToChange(path_)) return false;
+  std::error_code error;
+  std::filesystem::resize_file(path_, size, error);
+  return !error;
 }
 
 bool TestFile::FillWithPattern(std::uint64_t position, std::uint64_t size,
                                std::uint64_t seed) const {
-  const Descriptor file(path_, O_RDWR | O_CREAT);
+  std::fstream file = OpenToChange(path_);
+  file.seekp(static_cast<std::streamoff>(position));
   std::vector<unsigned char> data(std::size_t{1} << 16);
-  while (size > 0) {
+  while (size > 0 && file) {
     const std::size_t count = static_cast<std::size_t>(std::min<std::uint64_t>(size, data.size()));
     FillPattern(data.data(), count, position, seed);
-    const ssize_t written = pwrite(file.Get(), data.data(), count, static_cast<off_t>(position));
-    if (written <= 0) return false;
-    position += static_cast<std::uint64_t>(written);
-    size -= static_cast<std::uint64_t>(written);
+    file.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(count));
+    position += count;
+    size -= count;
   }
-  return file.Get() >= 0;
+  return static_cast<bool>(file.flush());
 }
 
 bool TestFile::HasPattern(std::uint64_t position, std::uint64_t size, std::uint64_t seed) const {
@@ -163,16 +147,11 @@ bool TestFile::HasPattern(std::uint64_t position, std::uint64_t size, std::uint6
 }
 
 std::vector<unsigned char> TestFile::Read(std::uint64_t position, std::size_t size) const {
-  const Descriptor file(path_, O_RDONLY);
+  std::ifstream file(path_, std::ios::binary);
+  file.seekg(static_cast<std::streamoff>(position));
   std::vector<unsigned char> data(size);
-  std::size_t done = 0;
-  while (done < size) {
-    const ssize_t count =
-        pread(file.Get(), data.data() + done, size - done, static_cast<off_t>(position + done));
-    if (count <= 0) break;
-    done += static_cast<std::size_t>(count);
-  }
-  data.resize(done);
+  file.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(size));
+  data.resize(static_cast<std::size_t>(std::max<std::streamsize>(file.gcount(), 0)));
   return data;
 }
 
@@ -267,7 +246,9 @@ void BusyIoThread::Run() {
 
 std::size_t CountFreeSlots() {
   const Memory memory(Page() * (kRequestSlots + 1));
-  const AutoRelease<NativeFileSource> source(OpenSource("/dev/zero", OpenFor::kRead));
+  const TestFile file("counted");
+  EXPECT_TRUE(file.Resize(Page()));
+  const AutoRelease<NativeFileSource> source(OpenSource(file.Path(), OpenFor::kRead));
   const AutoRelease<Reports> reports(new Reports);
   std::size_t accepted = 0;
   {
@@ -282,68 +263,6 @@ std::size_t CountFreeSlots() {
   source->Close();
   EXPECT_EQ(accepted, reports->WaitFor(accepted).size());
   return accepted;
-}
-
-DescriptorState StateOfDescriptorOn(const std::string& path) {
-  DIR* const directory = opendir("/proc/self/fd");
-  DescriptorState state{false, 0};
-  while (const dirent* const entry = readdir(directory)) {
-    const std::string number = entry->d_name;
-    char target[PATH_MAX];
-    const ssize_t length = readlink(("/proc/self/fd/" + number).c_str(), target, sizeof target);
-    if (length <= 0 || path != std::string(target, static_cast<std::size_t>(length))) continue;
-    std::ifstream info("/proc/self/fdinfo/" + number);
-    for (std::string word; info >> word;) {
-      if (word != "flags:") continue;
-      info >> word;
-      state = {true, std::stoi(word, nullptr, 8)};
-    }
-  }
-  closedir(directory);
-  return state;
-}
-
-bool EnterPrivateMounts() {
-  static const bool entered =
-      unshare(CLONE_NEWNS) == 0 && mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0;
-  return entered;
-}
-
-Mount::Mount(const std::vector<std::string>& arguments) : point_(OrvaneTest::PathOf("mount")) {
-  std::filesystem::create_directories(point_);
-  std::vector<std::string> command = {"mount"};
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  command.push_back(point_);
-  mounted_ = RunProgram(command);
-}
-
-Mount::~Mount() {
-  Unmount();
-}
-
-void Mount::Unmount() {
-  if (mounted_) umount2(point_.c_str(), MNT_DETACH);
-  mounted_ = false;
-  rmdir(point_.c_str());
-}
-
-bool RunProgram(std::vector<std::string> arguments) {
-  std::vector<char*> words;
-  for (std::string& argument : arguments) words.push_back(argument.data());
-  words.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  for (const int output : {STDOUT_FILENO, STDERR_FILENO}) {
-    posix_spawn_file_actions_addopen(&actions, output, "/dev/null", O_WRONLY, 0);
-  }
-  pid_t child = 0;
-  const int error = posix_spawnp(&child, words[0], &actions, nullptr, words.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (error != 0) return false;
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 }  // namespace Orvane

@@ -89,6 +89,8 @@ class TestFile {
   const std::string& Path() const { return path_; }
   bool Exists() const;
   std::uint64_t Size() const;
+  // Takes away its name; false if there is none.
+  bool Remove() const;
   // Makes the file if need be; false if the host refuses.
   bool Resize(std::uint64_t size) const;
   bool FillWithPattern(std::uint64_t position, std::uint64_t size, std::uint64_t seed = 0) const;
@@ -167,38 +169,5 @@ class BusyIoThread {
 // How many requests are accepted while the I/O thread is held: the free slots, at most 62.
 // Cancels them again.
 std::size_t CountFreeSlots();
-
-// A file descriptor's state as the kernel reports it.
-struct DescriptorState {
-  bool found;
-  int flags;  // as of open
-};
-// Of the descriptor of this process that is open on the path.
-DescriptorState StateOfDescriptorOn(const std::string& path);
-
-// Mounts made from now on by the main thread are seen by nobody else and go with the process.
-// False without the privilege.
-bool EnterPrivateMounts();
-
-// A mounted file system; unmounted at the end.
-class Mount {
- public:
-  // Runs the system's mount program with these arguments; the mount point is made and removed.
-  explicit Mount(const std::vector<std::string>& arguments);
-  ~Mount();
-  Mount(const Mount&) = delete;
-  Mount& operator=(const Mount&) = delete;
-
-  bool IsMounted() const { return mounted_; }
-  std::string PathOf(const std::string& name) const { return point_ + "/" + name; }
-  void Unmount();
-
- private:
-  const std::string point_;
-  bool mounted_ = false;
-};
-
-// Runs a program without a shell, its output discarded; true if it exits with 0.
-bool RunProgram(std::vector<std::string> arguments);
 
 }  // namespace Orvane

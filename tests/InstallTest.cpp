@@ -1,10 +1,9 @@
 // orvane_install_tests: the library before, during and after its installation.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <set>
@@ -19,6 +18,8 @@
 #include "OSServices.h"
 #include "OSServices/AsyncHandler.h"
 #include "OSServicesHost.h"
+#include "TestEngine.h"
+#include "TestHost.h"
 
 namespace Orvane {
 namespace {
@@ -131,19 +132,20 @@ class TemporaryFile {
  public:
   TemporaryFile()
       : path_(std::filesystem::temp_directory_path() /
-              ("orvane-install-" + std::to_string(getpid()))) {
-    const int descriptor = open(path_.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0666);
-    EXPECT_EQ(0, ftruncate(descriptor, 16 * 4096));
-    close(descriptor);
+              ("orvane-install-" + std::to_string(GetProcessNumber()))),
+        name_(path_.string()) {
+    std::ofstream(path_, std::ios::binary).close();
+    std::filesystem::resize_file(path_, 16 * 4096);
   }
   ~TemporaryFile() { std::filesystem::remove(path_); }
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
 
-  const char* Name() const { return path_.c_str(); }
+  const char* Name() const { return name_.c_str(); }
 
  private:
   const std::filesystem::path path_;
+  const std::string name_;
 };
 
 FileSource::Result_t ReadOnePage(FileSource* source) {
@@ -217,7 +219,7 @@ TEST(InstallTest, AFailedOperationBeforeItDoesNotPreventIt) {
 TEST(InstallTest, TheDefaultsWork) {
   InChild([] {
     OSServices::Init();
-    EXPECT_EQ(static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)), PhysMemInterface::GetPageSize());
+    EXPECT_EQ(GetHostPageSize(), PhysMemInterface::GetPageSize());
     EXPECT_EQ(FileSource::kResultOK, ReadOnePage());
     EXPECT_STRNE("none", NativeFileSysInterfaceImpHost::GetEngineName());
   });
@@ -416,29 +418,24 @@ TEST(InstallTest, PagesAreCountedAlsoWhenTheirSizeIsNoPowerOfTwo) {
 
 // The file system of the host.
 
-using Engine = NativeFileSysInterfaceImpHost::Engine;
-
 TEST(InstallTest, AHostFileSystemMadeBeforeItWaitsForItAndKeepsItsEngine) {
   InChild([] {
-    auto* const files =
-        new NativeFileSysInterfaceImpHost(NativeFileSysInterfaceImpHost::kEngineThreads);
+    auto* const files = new NativeFileSysInterfaceImpHost(kPlainEngine);
     EXPECT_STREQ("none", NativeFileSysInterfaceImpHost::GetEngineName());
     OSServices::InitWithExtensions(nullptr, nullptr, files);
-    EXPECT_STREQ("threads", NativeFileSysInterfaceImpHost::GetEngineName());
-    EXPECT_EQ(NativeFileSysInterfaceImpHost::kEngineThreads,
-              NativeFileSysInterfaceImpHost::GetEngine());
+    EXPECT_STREQ(kPlainEngineName, NativeFileSysInterfaceImpHost::GetEngineName());
+    EXPECT_EQ(kPlainEngine, NativeFileSysInterfaceImpHost::GetEngine());
     EXPECT_EQ(FileSource::kResultOK, ReadOnePage());
   });
 }
 
 TEST(InstallTest, TheFirstEngineThatRunsStays) {
   InChild([] {
-    OSServices::InitWithExtensions(
-        nullptr, nullptr,
-        new NativeFileSysInterfaceImpHost(NativeFileSysInterfaceImpHost::kEngineThreads));
-    NativeFileSysInterfaceImpHost later(NativeFileSysInterfaceImpHost::kEngineUring);
+    OSServices::InitWithExtensions(nullptr, nullptr,
+                                   new NativeFileSysInterfaceImpHost(kPlainEngine));
+    NativeFileSysInterfaceImpHost later(kOtherEngine);
     later.Installed();
-    EXPECT_STREQ("threads", NativeFileSysInterfaceImpHost::GetEngineName());
+    EXPECT_STREQ(kPlainEngineName, NativeFileSysInterfaceImpHost::GetEngineName());
   });
 }
 
@@ -450,12 +447,12 @@ TEST(InstallTest, AWrappedHostFileSystemStartsWithItsFirstFile) {
     }
 
    private:
-    NativeFileSysInterfaceImpHost inner_{NativeFileSysInterfaceImpHost::kEngineThreads};
+    NativeFileSysInterfaceImpHost inner_{kPlainEngine};
   };
   InChild([] {
     OSServices::InitWithExtensions(nullptr, nullptr, new Wrapper);
     EXPECT_EQ(FileSource::kResultOK, ReadOnePage());
-    EXPECT_STREQ("threads", NativeFileSysInterfaceImpHost::GetEngineName());
+    EXPECT_STREQ(kPlainEngineName, NativeFileSysInterfaceImpHost::GetEngineName());
   });
 }
 
@@ -473,14 +470,14 @@ TEST(InstallTest, WithoutAThreadFilesRefuseEveryRequest) {
 }
 
 TEST(InstallTest, AnEngineWithoutThreadsOfItsOwnIsNone) {
+  if (!kPlainEngineHasThreads) GTEST_SKIP() << "no engine of this host has threads of its own";
   for (const bool null : {false, true}) {
     InChild([null] {
       auto* const threads = new ChangedThreading;
       threads->threadsLeft = 1;  // the I/O thread
       threads->threadsAreNull = null;
-      OSServices::InitWithExtensions(
-          threads, nullptr,
-          new NativeFileSysInterfaceImpHost(NativeFileSysInterfaceImpHost::kEngineThreads));
+      OSServices::InitWithExtensions(threads, nullptr,
+                                     new NativeFileSysInterfaceImpHost(kPlainEngine));
       EXPECT_EQ(FileSource::kResultNotSupported, ReadOnePage());
       EXPECT_STREQ("none", NativeFileSysInterfaceImpHost::GetEngineName());
     });
@@ -488,16 +485,16 @@ TEST(InstallTest, AnEngineWithoutThreadsOfItsOwnIsNone) {
 }
 
 TEST(InstallTest, AnEngineWithFewThreadsWorks) {
+  if (!kPlainEngineHasThreads) GTEST_SKIP() << "no engine of this host has threads of its own";
   for (const bool null : {false, true}) {
     InChild([null] {
       auto* const threads = new ChangedThreading;
       threads->threadsLeft = 2;
       threads->threadsAreNull = null;
-      OSServices::InitWithExtensions(
-          threads, nullptr,
-          new NativeFileSysInterfaceImpHost(NativeFileSysInterfaceImpHost::kEngineThreads));
+      OSServices::InitWithExtensions(threads, nullptr,
+                                     new NativeFileSysInterfaceImpHost(kPlainEngine));
       EXPECT_EQ(FileSource::kResultOK, ReadOnePage());
-      EXPECT_STREQ("threads", NativeFileSysInterfaceImpHost::GetEngineName());
+      EXPECT_STREQ(kPlainEngineName, NativeFileSysInterfaceImpHost::GetEngineName());
     });
   }
 }

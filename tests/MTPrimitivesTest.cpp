@@ -12,6 +12,7 @@
 #include "DelayingMTInterface.h"
 #include "MTInterface.h"
 #include "OrvaneTest.h"
+#include "TestHost.h"
 
 namespace Orvane {
 namespace {
@@ -131,8 +132,9 @@ TEST_P(MTPrimitivesTest, ReleaseOfNothingFails) {
 }
 
 TEST_P(MTPrimitivesTest, TheLargestMaximumCanBeReached) {
-  const std::unique_ptr<MTSemaphore> semaphore = NewSemaphore(kMax32, 0);
-  EXPECT_TRUE(semaphore->Release(kMax32 - 1));
+  const std::uint32_t largest = GetLargestSemaphoreCount();
+  const std::unique_ptr<MTSemaphore> semaphore = NewSemaphore(largest, 0);
+  EXPECT_TRUE(semaphore->Release(largest - 1));
   EXPECT_FALSE(semaphore->Release(2));
   EXPECT_TRUE(semaphore->Release(1));
   EXPECT_FALSE(semaphore->Release(1));
@@ -186,17 +188,17 @@ TEST_P(MTPrimitivesTest, UnitsTakenByAFailedWaitAreNotGivenBack) {
 }
 
 TEST_P(MTPrimitivesTest, AWaitWithoutLimitIsWithoutLimitForEveryUnit) {
-  // A share of the largest number would be about half a second for so many units.
-  constexpr std::uint32_t kUnits = 8000000;
-  const std::unique_ptr<MTSemaphore> semaphore = NewSemaphore(kUnits, 0);
+  const std::uint32_t units = GetManySemaphoreUnits();
+  const std::uint32_t share = kForEver / units;  // what a time-out of that would give to each
+  const std::unique_ptr<MTSemaphore> semaphore = NewSemaphore(units, 0);
   const std::unique_ptr<MTSemaphore> done = NewSemaphore(1, 0);
   bool result = false;
   std::thread waiter([&] {
-    result = semaphore->Wait(kForEver, kUnits);
+    result = semaphore->Wait(kForEver, units);
     done->Release(1);
   });
-  EXPECT_FALSE(done->Wait(1000, 1));
-  EXPECT_TRUE(semaphore->Release(kUnits));
+  EXPECT_FALSE(done->Wait(share + 500, 1));
+  EXPECT_TRUE(semaphore->Release(units));
   EXPECT_TRUE(done->Wait(kForEver, 1));
   waiter.join();
   EXPECT_TRUE(result);
@@ -215,7 +217,7 @@ TEST_P(MTPrimitivesTest, AReleaseWakesAWaiterBeforeItsTimeIsOver) {
 // However many units come at once, as many waiters go on.
 void ReleaseForThree(MTInterfaceImp& imp, std::uint32_t count) {
   constexpr std::uint32_t kWaiters = 3;
-  const std::unique_ptr<MTSemaphore> semaphore(imp.NewSemaphore(kMax32, 0));
+  const std::unique_ptr<MTSemaphore> semaphore(imp.NewSemaphore(GetLargestSemaphoreCount(), 0));
   const std::unique_ptr<MTSemaphore> done(imp.NewSemaphore(kWaiters, 0));
   std::vector<std::thread> waiters;
   for (std::uint32_t i = 0; i < kWaiters; ++i) {
@@ -236,9 +238,10 @@ TEST_P(MTPrimitivesTest, AReleaseOfManyWakesThemAll) {
   ReleaseForThree(Imp(), 3);
 }
 
-TEST_P(MTPrimitivesTest, AReleaseOfMoreThanASignedNumberHoldsWakesThemAll) {
-  ReleaseForThree(Imp(), 0x80000000U);
-  ReleaseForThree(Imp(), kMax32);
+// A host that counts in signed numbers may take the first for a negative one.
+TEST_P(MTPrimitivesTest, AReleaseOfAsManyAsThereCanBeWakesThemAll) {
+  ReleaseForThree(Imp(), GetLargestSemaphoreCount() / 2 + 1);
+  ReleaseForThree(Imp(), GetLargestSemaphoreCount());
 }
 
 TEST_P(MTPrimitivesTest, NoUnitIsLostOrTakenTwice) {

@@ -1,5 +1,6 @@
 // Threads: their body, their states, their end.
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <new>
@@ -11,6 +12,7 @@
 #include "MTInterface.h"
 #include "MTPrimitives.h"
 #include "OrvaneTest.h"
+#include "TestHost.h"
 
 namespace Orvane {
 namespace {
@@ -113,40 +115,10 @@ TEST_F(MTThreadTest, TerminateOfABodyThatDoesNotListenTimesOutAndSucceedsLater) 
 
 TEST_F(MTThreadTest, TerminateAfterTheBodyReturnedAnswersAtOnce) {
   // The end of the body is seen by the end of the host's thread: its locals go last.
-  struct AtThreadEnd {
-    MTSemaphore* semaphore = nullptr;
-    ~AtThreadEnd() {
-      if (semaphore) semaphore->Release(1);
-    }
-  };
-  MTSemaphore* const there = there_.get();
-  CommandedBody body([there](MTThread*) {
-    thread_local AtThreadEnd end;
-    end.semaphore = there;
-  });
+  CommandedBody body([&](MTThread*) { CallAtEndOfThread([&] { there_->Release(1); }); });
   const std::unique_ptr<MTThread> thread = Start(&body);
   EXPECT_TRUE(there_->Wait(kForEver, 1));
   EXPECT_TRUE(thread->Terminate(0));
-}
-
-// Goes with its thread, and takes its time.
-struct LastStep {
-  ~LastStep() {
-    std::this_thread::sleep_for(std::chrono::milliseconds{50});
-    if (taken) *taken = true;
-  }
-  std::atomic<bool>* taken = nullptr;
-};
-
-TEST_F(MTThreadTest, ATerminatedThreadHasTakenItsLastStep) {
-  std::atomic<bool> taken{false};
-  CommandedBody body([&](MTThread*) {
-    thread_local LastStep lastStep;
-    lastStep.taken = &taken;
-  });
-  const std::unique_ptr<MTThread> thread = Start(&body);
-  EXPECT_TRUE(thread->Terminate(kForEver));
-  EXPECT_TRUE(taken);
 }
 
 TEST_F(MTThreadTest, SeveralTerminatesAtOnceAllEnd) {
@@ -210,6 +182,14 @@ TEST_F(MTThreadTest, AThreadWithoutABodyEndsByItself) {
   const std::unique_ptr<MTThread> thread = Start(nullptr);
   EXPECT_FALSE(thread->Terminate(kForEver));
   EXPECT_FALSE(thread->IsTerminating());
+}
+
+// Many times, so that some begin when their object is gone.
+TEST_F(MTThreadTest, AThreadWithoutABodyMayBeDeletedAtOnce) {
+  const LiveCounts before = TestMTInterface::Get().GetLiveCounts();
+  for (int i = 0; i < 300; ++i) Start(nullptr);
+  EXPECT_EQ(before, TestMTInterface::Get().GetLiveCounts());
+  std::this_thread::sleep_for(std::chrono::milliseconds{50});  // the last ones begin in this test
 }
 
 TEST_F(MTThreadTest, ABodyThatDoesNotOverrideTheRequestIsStoppedByItsFlag) {

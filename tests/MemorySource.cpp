@@ -110,8 +110,8 @@ void MemorySource::SetContents(std::string contents) {
   contents_ = std::move(contents);
 }
 
-void MemorySource::PreReadNonCached(std::uint64_t offset, std::uint64_t size,
-                                    std::uint32_t dueTime, MTThread::MTPriority) {
+void MemorySource::PreReadNonCached(std::uint64_t offset, std::uint64_t size, std::uint32_t dueTime,
+                                    MTThread::MTPriority) {
   std::lock_guard lock(mutex_);
   preReads_.push_back({false, offset, size, dueTime});
 }

@@ -1,12 +1,10 @@
 #include "OrvaneTest.h"
 
-#include <unistd.h>
-
-#include <ctime>
 #include <ostream>
 
 #include "Cache/CacheReaper.h"
 #include "MTInterface.h"
+#include "TestHost.h"
 #include "TestPhysMemInterface.h"
 
 namespace Orvane {
@@ -16,8 +14,9 @@ constexpr std::uint32_t kTeardownMs = 5000;
 constexpr std::uint32_t kPollMs = 5;
 
 constexpr int kAttempts = 3;
-constexpr std::clock_t kTooShortToCompare = CLOCKS_PER_SEC / 200;
-constexpr std::clock_t kMostTimesAsLong = 100;
+constexpr std::uint64_t kTooShortToCompare = 5000;  // microseconds
+constexpr int kParts = 16;
+constexpr std::uint64_t kMostTimesAsLong = 6;
 
 std::string testDirectory;
 
@@ -37,7 +36,7 @@ void OrvaneTest::SetDirectory(const std::string& directory) {
 }
 
 std::string OrvaneTest::PathOf(const std::string& name) {
-  return testDirectory + "/" + std::to_string(getpid()) + "-" + name;
+  return testDirectory + "/" + std::to_string(GetProcessNumber()) + "-" + name;
 }
 
 bool OrvaneTest::RunBeforeInit(void (*function)()) {
@@ -71,21 +70,23 @@ void PrintTo(const CallSite& site, std::ostream* out) {
 
 ::testing::AssertionResult GrowsLinearly(const std::function<void(std::size_t count)>& work,
                                          std::size_t count) {
-  const auto time = [&work](std::size_t size) {
-    const std::clock_t start = std::clock();
-    work(size);
-    return std::clock() - start;
+  const auto time = [&work](int times, std::size_t size) {
+    const std::uint64_t start = GetProcessorMicros();
+    for (int i = 0; i < times; ++i) work(size);
+    return GetProcessorMicros() - start;
   };
-  std::clock_t few = 0;
-  std::clock_t many = 0;
+  std::uint64_t inParts = 0;
+  std::uint64_t whole = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    few = time(count / 16);
-    many = time(count);
-    if (many < kTooShortToCompare || many < kMostTimesAsLong * few) {
-      return ::testing::AssertionSuccess() << "from " << few << " to " << many << " clocks";
+    inParts = time(kParts, count / kParts);
+    whole = time(1, count);
+    if (whole < kTooShortToCompare ||
+        whole < kMostTimesAsLong * (inParts + GetProcessorStepMicros())) {
+      return ::testing::AssertionSuccess()
+             << "from " << inParts << " to " << whole << " microseconds";
     }
   }
-  return ::testing::AssertionFailure() << "from " << few << " to " << many << " clocks";
+  return ::testing::AssertionFailure() << "from " << inParts << " to " << whole << " microseconds";
 }
 
 }  // namespace Orvane

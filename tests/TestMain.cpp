@@ -1,4 +1,4 @@
-// orvane_tests [--engine=auto|uring|threads] [--dir=PATH] [--print-lock-order]
+// orvane_tests [--engine=NAME] [--dir=PATH] [--print-lock-order]
 //              [--delays=SEED [--delay_one_in=N] [--delay_longest=MICROSECONDS]]
 //              [options of the test framework]
 //
@@ -21,11 +21,11 @@
 #include "OSServices.h"
 #include "OSServicesHost.h"
 #include "OrvaneTest.h"
+#include "TestEngine.h"
+#include "TestHost.h"
 #include "TestPhysMemInterface.h"
 
 namespace {
-
-using Engine = Orvane::NativeFileSysInterfaceImpHost::Engine;
 
 struct Options {
   std::string engine = "auto";
@@ -89,41 +89,20 @@ Orvane::MTInterfaceImp* NewThreading(const Options& options) {
   return new Orvane::DelayingMTInterface(plain, options.delaySeed, options.delayRates);
 }
 
-bool ToEngine(const std::string& name, Engine* engine) {
-  using Imp = Orvane::NativeFileSysInterfaceImpHost;
-  if (name == "auto")
-    *engine = Imp::kEngineAuto;
-  else if (name == "uring")
-    *engine = Imp::kEngineUring;
-  else if (name == "threads")
-    *engine = Imp::kEngineThreads;
-  else
-    return false;
-  return true;
-}
-
-// A directory of the caller's is kept; a temporary one goes at the end.
-std::string NewTemporaryDirectory() {
-  std::string name = (std::filesystem::temp_directory_path() / "orvane-tests-XXXXXX").string();
-  if (!mkdtemp(name.data())) return std::string();
-  // Some tests give up the privileges of root.
-  std::filesystem::permissions(name, std::filesystem::perms(0755));
-  return name;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
   Options options;
-  Engine engine{};
+  Orvane::Engine engine{};
   if (!ParseOptions(argc, argv, &options)) return 2;
-  if (!ToEngine(options.engine, &engine)) {
-    std::cerr << "--engine is auto, uring or threads\n";
+  if (!Orvane::ToEngine(options.engine, &engine)) {
+    std::cerr << "--engine is " << Orvane::kEngineNames << "\n";
     return 2;
   }
+  // A directory of the caller's is kept; a temporary one goes at the end.
   const bool temporary = options.directory.empty();
-  if (temporary) options.directory = NewTemporaryDirectory();
+  if (temporary) options.directory = Orvane::NewTemporaryDirectory();
   std::filesystem::create_directories(options.directory);
   Orvane::OrvaneTest::SetDirectory(options.directory);
 

@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# Tests the command-line tool from outside. Usage: tool_test.sh TOOL
+# Tests the command-line tool from outside. Usage: tool_test.sh TOOL [LAUNCHER]
+# With a LAUNCHER, which runs the tool of another system, only what all systems have in common.
 # shellcheck source-path=SCRIPTDIR
 set -u
 tool=$(realpath "$1")
+launcher=()
+[ $# = 1 ] || launcher=("$(realpath "$2")")
 . "$(dirname "${BASH_SOURCE[0]}")/shell_checks.sh"
 
 work=$(mktemp -d "${TMPDIR:-/var/tmp}/orvane-tool.XXXXXX")
@@ -20,13 +23,13 @@ as_nobody=() # or the command that runs the tool as another user
 # Runs the tool; fills code, out and err.
 orvane() {
   if [ ${#as_nobody[@]} = 0 ]; then
-    "$tool" "$@" >"$work/out" 2>"$work/err"
+    "${launcher[@]}" "$tool" "$@" >"$work/out" 2>"$work/err"
   else
     "${as_nobody[@]}" "$work/tool" "$@" >"$work/out" 2>"$work/err"
   fi
   code=$?
-  out=$(cat "$work/out")
-  err=$(cat "$work/err")
+  out=$(tr -d '\r' <"$work/out")
+  err=$(tr -d '\r' <"$work/err")
 }
 # A field of the JSON object in out.
 field() { printf '%s' "$out" | sed -E "s/.*\"$1\":\"?([^\",}]*).*/\1/"; }
@@ -208,8 +211,10 @@ cached_errors() {
 
 names() {
   local name
+  local names=('with two  spaces' 'Größe 日本.bin' "single 'quotes'")
+  [ ${#launcher[@]} != 0 ] || names+=('double "quotes"')
   head -c 10000 /dev/urandom >source
-  for name in 'with two  spaces' 'Größe 日本.bin' "quote's \"double\""; do
+  for name in "${names[@]}"; do
     orvane copy source "$name" --verify --json
     equal "name '$name'" 0 "$code"
     check "copy to '$name'" cmp source "$name"
@@ -438,13 +443,38 @@ progress() {
   rm holes
 }
 
+# Every byte of a large file, through the cache and past it.
+gigabyte() {
+  local sum
+  orvane write large --size 1G --seed 3 --json
+  equal 'a gigabyte is written' "0 1073741824" "$code $(stat -c %s large)"
+  sum=$(xxh3_of large)
+  equal 'its checksum' "$sum" "$(field xxh3)"
+  orvane copy large copy --json
+  check 'a gigabyte is copied' cmp large copy
+  rm copy
+  orvane copy large copy --cached --pre-read 8M --verify --json
+  check 'a gigabyte is copied through the cache' cmp large copy
+  rm copy
+  orvane read large --json
+  equal 'a gigabyte is read' "0 $sum" "$code $(field xxh3)"
+  orvane read large --cached --pre-read 8M --json
+  equal 'a gigabyte is read through the cache' "0 $sum" "$code $(field xxh3)"
+  check 'blocks are read ahead' test "$(field pre_reads)" -gt 0
+  rm large
+}
+
 sizes
 writes
 cached_sizes
 cached_counts
 cached_copies
-cached_errors
 names
+if [ ${#launcher[@]} != 0 ]; then
+  gigabyte
+  finish
+fi
+cached_errors
 errors
 permissions
 full_disk

@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "Commands.h"
+#include "Host.h"
 #include "Target.h"
 
 namespace OrvaneTool {
@@ -13,7 +14,7 @@ namespace fs = std::filesystem;
 
 void RefuseSameFile(const Options& options) {
   std::error_code fault;
-  if (fs::equivalent(options.file, options.destination, fault) && !fault) {
+  if (fs::equivalent(ToPath(options.file), ToPath(options.destination), fault) && !fault) {
     throw ToolError(kExitUsage, "cannot copy", options.file,
                     "source and destination are the same file");
   }
@@ -23,11 +24,11 @@ void RefuseSameFile(const Options& options) {
 // permissions to set.
 void NarrowPermissions(const Options& options) {
   std::error_code fault;
-  const fs::perms from = fs::status(options.file, fault).permissions();
+  const fs::perms from = fs::status(ToPath(options.file), fault).permissions();
   if (fault) return;
   const fs::perms allowed = from | fs::perms::owner_read | fs::perms::owner_write;
-  const fs::perms now = fs::status(options.destination, fault).permissions();
-  if (!fault) fs::permissions(options.destination, now & allowed, fault);
+  const fs::perms now = fs::status(ToPath(options.destination), fault).permissions();
+  if (!fault) fs::permissions(ToPath(options.destination), now & allowed, fault);
 }
 
 // See WriteContent about the two resizings.

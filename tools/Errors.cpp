@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "Host.h"
 #include "Report.h"
 #include "Text.h"
 
@@ -54,7 +55,7 @@ std::string NotRegular(const fs::file_status& status) {
 
 // Why no file can be created there; empty if the folder is there.
 std::string NoParent(const std::string& file) {
-  fs::path parent = fs::path(file).parent_path();
+  fs::path parent = ToPath(file).parent_path();
   if (parent.empty()) parent = ".";
   std::error_code fault;
   const fs::file_status status = fs::status(parent, fault);
@@ -93,7 +94,7 @@ std::string ProbeWrite(const std::string& file, std::uint64_t offset) {
 
 // "the disk is full (...)" when less is free than was still to be written; else empty.
 std::string FullDisk(const std::string& file, std::uint64_t missing) {
-  fs::path folder = fs::path(file).parent_path();
+  fs::path folder = ToPath(file).parent_path();
   if (folder.empty()) folder = ".";
   std::error_code fault;
   const fs::space_info space = fs::space(folder, fault);
@@ -120,7 +121,7 @@ const char* ResultText(Orvane::CacheSource::Result_t result) {
 
 std::string ReadCause(const std::string& file, const FailedTransfer& failed) {
   std::error_code fault;
-  const std::uintmax_t size = fs::file_size(file, fault);
+  const std::uintmax_t size = fs::file_size(ToPath(file), fault);
   if (fault) return fault.message();
   if (size < failed.offset + failed.asked) return "the file became shorter meanwhile";
   return ProbeRead(file, failed.offset + failed.moved);
@@ -128,7 +129,7 @@ std::string ReadCause(const std::string& file, const FailedTransfer& failed) {
 
 std::string WriteCause(const std::string& file, const FailedTransfer& failed) {
   std::error_code fault;
-  if (!fs::exists(file, fault)) return "the file was removed meanwhile";
+  if (!fs::exists(ToPath(file), fault)) return "the file was removed meanwhile";
   const std::string full = FullDisk(file, failed.asked - failed.moved);
   return full.empty() ? ProbeWrite(file, failed.offset + failed.moved) : full;
 }
@@ -157,7 +158,7 @@ void PrintError(const ToolError& error, bool json) {
 
 void RequireReadable(const std::string& file) {
   std::error_code fault;
-  const fs::file_status status = fs::status(file, fault);
+  const fs::file_status status = fs::status(ToPath(file), fault);
   if (status.type() == fs::file_type::not_found) throw CannotRead(file, "no such file");
   const std::string notRegular = NotRegular(status);
   if (!notRegular.empty()) throw CannotRead(file, notRegular);
@@ -168,14 +169,14 @@ void RequireReadable(const std::string& file) {
 
 std::uint64_t FileSize(const std::string& file) {
   std::error_code fault;
-  const std::uintmax_t size = fs::file_size(file, fault);
+  const std::uintmax_t size = fs::file_size(ToPath(file), fault);
   if (fault) throw CannotRead(file, fault.message());
   return size;
 }
 
 bool RequireWritable(const std::string& file) {
   std::error_code fault;
-  const fs::file_status status = fs::status(file, fault);
+  const fs::file_status status = fs::status(ToPath(file), fault);
   const std::string notRegular = NotRegular(status);
   if (!notRegular.empty()) throw CannotWrite(file, notRegular);
   const bool create = status.type() == fs::file_type::not_found;
@@ -191,7 +192,7 @@ bool RequireWritable(const std::string& file) {
 
 void ResizeFile(const std::string& file, std::uint64_t bytes) {
   std::error_code fault;
-  fs::resize_file(file, bytes, fault);
+  fs::resize_file(ToPath(file), bytes, fault);
   if (fault) {
     throw ToolError(kExitTransfer, fmt::format("cannot set the size to {} bytes of", bytes), file,
                     fault.message());

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <string>
 
 namespace OrvaneTool {
 
@@ -16,6 +18,9 @@ bool Interrupted();
 bool StandardErrorIsTerminal();
 // Columns of that terminal; 80 when unknown.
 unsigned TerminalColumns();
+
+// The path of a file named as on the command line: as the library and the C library take it.
+std::filesystem::path ToPath(const std::string& file);
 
 // Bytes of main memory; 0 when unknown.
 std::uint64_t PhysicalMemoryBytes();

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Errors.h"
+#include "Host.h"
 
 namespace OrvaneTool {
 
@@ -15,7 +16,7 @@ Target::Target(std::string file) : file_(std::move(file)), created_(RequireWrita
 Target::~Target() {
   if (!created_ || kept_) return;
   std::error_code ignored;
-  std::filesystem::remove(file_, ignored);
+  std::filesystem::remove(ToPath(file_), ignored);
 }
 
 std::string Target::LeftBehind(const char* state) const {

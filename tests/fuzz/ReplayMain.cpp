@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
   LLVMFuzzerInitialize(&argc, &argv);
   for (const std::filesystem::path& file : files) {
     // Before the run: an input that fails ends the program.
-    std::printf("input %s\n", file.filename().c_str());
+    std::printf("input %s\n", file.filename().string().c_str());
     std::fflush(stdout);
     const std::vector<std::uint8_t> bytes = ContentsOf(file);
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());

@@ -48,6 +48,10 @@ unsigned TerminalColumns() {
   return size.ws_col;
 }
 
+std::filesystem::path ToPath(const std::string& file) {
+  return file;
+}
+
 std::uint64_t PhysicalMemoryBytes() {
   const long pages = sysconf(_SC_PHYS_PAGES);
   const long pageBytes = sysconf(_SC_PAGESIZE);

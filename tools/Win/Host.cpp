@@ -50,6 +50,15 @@ unsigned TerminalColumns() {
   return columns > 0 ? static_cast<unsigned>(columns) : 80;
 }
 
+// The standard library would not ask for the code page of the process.
+std::filesystem::path ToPath(const std::string& file) {
+  const int size = static_cast<int>(file.size());
+  const int wideSize = MultiByteToWideChar(CP_ACP, 0, file.data(), size, nullptr, 0);
+  std::wstring wide(static_cast<std::size_t>(wideSize), L'\0');
+  MultiByteToWideChar(CP_ACP, 0, file.data(), size, wide.data(), wideSize);
+  return wide;
+}
+
 std::uint64_t PhysicalMemoryBytes() {
   MEMORYSTATUSEX status = {};
   status.dwLength = sizeof status;

@@ -14,7 +14,8 @@ namespace Orvane {
 // One ring, made and used by the worker thread alone. Issue and Cancel only queue entries; Wait
 // submits them all with the same system call that waits. Other threads touch wakePending_ and
 // sleeping_, and write to the event descriptor only when the worker sleeps: the ring always holds a
-// read of it.
+// read of it. Differences from the other host: there a transfer is on its way when Issue returns,
+// and the end of each is an event of its own.
 class AsyncPortUringLinux : public AsyncPort {
  public:
   AsyncPortUringLinux();

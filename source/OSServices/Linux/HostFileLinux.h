@@ -4,7 +4,8 @@
 
 namespace Orvane {
 
-// A file descriptor, or -1 for a file that could not be opened.
+// A file descriptor, or -1 for a file that could not be opened. Differences from the other host:
+// there every file is unbuffered, and no start of a transfer is put off.
 class HostFileLinux : public HostFile {
  public:
   // Opens for unbuffered I/O, buffered where the file system refuses that; write-through when for

@@ -1,4 +1,6 @@
 // How the answers of the kernel's transfer calls are understood; shared by both engines.
+// Differences from the other host: there errors are numbers above 0, and a call takes pages instead
+// of runs.
 #pragma once
 
 #include <sys/uio.h>

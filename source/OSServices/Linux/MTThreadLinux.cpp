@@ -69,7 +69,7 @@ void MTThreadLinux::ApplyPriority() {
   // A new thread inherits the value of its creator, so the value of the process is the base.
   const int base = getpriority(PRIO_PROCESS, static_cast<id_t>(getpid()));
   const auto id = static_cast<id_t>(hostThreadID_);
-  const int wanted = NiceForPriority(priority_, base);
+  const int wanted = HostPriority(priority_, base);
   if (setpriority(PRIO_PROCESS, id, wanted) != 0 && wanted < base) {
     setpriority(PRIO_PROCESS, id, base);
   }
@@ -87,7 +87,7 @@ void MTThreadLinux::LetGoOfThread(bool join) {
   }
 }
 
-int NiceForPriority(MTThread::MTPriority priority, int base) {
+int HostPriority(MTThread::MTPriority priority, int base) {
   int delta = 0;
   switch (priority) {
     case MTThread::kPriorityLowest:

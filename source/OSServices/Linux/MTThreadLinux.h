@@ -44,6 +44,6 @@ class MTThreadLinux : public MTThread {
 };
 
 // The nice value for a priority in a process whose own nice value is `base`.
-int NiceForPriority(MTThread::MTPriority priority, int base);
+int HostPriority(MTThread::MTPriority priority, int base);
 
 }  // namespace Orvane

@@ -1,4 +1,5 @@
-// How the answers of the host's transfer calls are understood.
+// How the answers of the host's transfer calls are understood. Differences from the other host:
+// there errors are numbers below 0, and a transfer that does not start is reported like any other.
 #pragma once
 
 #include <cstdint>

@@ -34,7 +34,8 @@ MTSemaphoreWin::~MTSemaphoreWin() {
 }
 
 bool MTSemaphoreWin::Release(std::uint32_t count) {
-  return handle_ && ReleaseSemaphore(handle_, static_cast<LONG>(count), nullptr) != 0;
+  // The host refuses to release nothing; not every implementation of it does.
+  return handle_ && count != 0 && ReleaseSemaphore(handle_, static_cast<LONG>(count), nullptr) != 0;
 }
 
 bool MTSemaphoreWin::Wait(std::uint32_t timeoutMs, std::uint32_t count) {

@@ -22,7 +22,7 @@ struct MTThreadWin::Launch {
     if (--users == 0) delete this;
   }
 
-  MTThreadWin* const thread;
+  MTThreadWin* const thread;  // null when there is nothing to run
   const HANDLE adjusted;  // set once affinity and priority are set
   std::atomic<int> users{2};
 };
@@ -36,7 +36,8 @@ MTThreadWin::~MTThreadWin() {
 }
 
 bool MTThreadWin::Start() {
-  std::unique_ptr<Launch> launch(new (std::nothrow) Launch(this));
+  // Without a body nobody waits for the end, and the object may be gone when the thread begins.
+  std::unique_ptr<Launch> launch(new (std::nothrow) Launch(GetBody() ? this : nullptr));
   std::uintptr_t started = 0;
   if (launch && launch->adjusted) {
     started = _beginthread(&MTThreadWin::StartRoutine, 0, launch.get());
@@ -57,7 +58,7 @@ bool MTThreadWin::Start() {
 
 void MTThreadWin::StartRoutine(void* argument) {
   auto* const launch = static_cast<Launch*>(argument);
-  launch->thread->Run();
+  if (launch->thread) launch->thread->Run();
   WaitForSingleObject(launch->adjusted, INFINITE);
   launch->Leave();
 }

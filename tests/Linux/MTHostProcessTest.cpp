@@ -12,6 +12,7 @@
 
 #include "Buffer.h"
 #include "ChildProcess.h"
+#include "LinuxChildTools.h"
 #include "MTInterface.h"
 #include "OSServices.h"
 #include "OSServicesHost.h"

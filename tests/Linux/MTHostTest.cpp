@@ -3,16 +3,20 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include "MTInterface.h"
 #include "OSServices/Linux/MTThreadLinux.h"
 #include "OrvaneTest.h"
+#include "TestHost.h"
 
 namespace Orvane {
 namespace {
@@ -61,17 +65,17 @@ class MTHostTest : public OrvaneTest {
 TEST_F(MTHostTest, ThePrioritiesAreSixNiceValuesInOrder) {
   for (const int base : {-5, -4, 0, 4, 9}) {
     for (std::size_t i = 1; i < std::size(kLowToHigh); ++i) {
-      EXPECT_LT(NiceForPriority(kLowToHigh[i], base), NiceForPriority(kLowToHigh[i - 1], base));
+      EXPECT_LT(HostPriority(kLowToHigh[i], base), HostPriority(kLowToHigh[i - 1], base));
     }
-    EXPECT_EQ(base, NiceForPriority(MTThread::kPriorityNormal, base));
+    EXPECT_EQ(base, HostPriority(MTThread::kPriorityNormal, base));
   }
 }
 
 TEST_F(MTHostTest, NoPriorityLeavesTheRangeOfTheHost) {
   for (const int base : {-20, -12, 12, 19}) {
     for (const MTThread::MTPriority priority : kLowToHigh) {
-      EXPECT_LE(-20, NiceForPriority(priority, base));
-      EXPECT_GE(19, NiceForPriority(priority, base));
+      EXPECT_LE(-20, HostPriority(priority, base));
+      EXPECT_GE(19, HostPriority(priority, base));
     }
   }
 }
@@ -82,7 +86,7 @@ TEST_F(MTHostTest, AThreadRunsWithTheNiceValueOfItsPriority) {
   const bool mayRaise = setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), base - 1) == 0;
   if (mayRaise) setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), base);
   for (const MTThread::MTPriority priority : kLowToHigh) {
-    const int wanted = NiceForPriority(priority, base);
+    const int wanted = HostPriority(priority, base);
     EXPECT_EQ(wanted < base && !mayRaise ? base : wanted, NiceOf(priority)) << priority;
   }
 }
@@ -98,7 +102,7 @@ TEST_F(MTHostTest, AThreadOfALoweredThreadCountsFromTheProcess) {
   int inner = 1000;
   RunWith(MTThread::kPriorityBelowNormal, MTThread::kProcessorAny,
           [&] { inner = NiceOf(MTThread::kPriorityLowest); });
-  EXPECT_EQ(NiceForPriority(MTThread::kPriorityLowest, NiceOfProcess()), inner);
+  EXPECT_EQ(HostPriority(MTThread::kPriorityLowest, NiceOfProcess()), inner);
 }
 
 TEST_F(MTHostTest, TheProcessorMaskIsTheAffinity) {
@@ -172,6 +176,17 @@ TEST_F(MTHostTest, ThreadsThatWereReapedOrDeletedLeaveNoStack) {
   const std::uint64_t before = AddressSpace();
   for (int i = 0; i < kThreads; ++i) runOne(i % 2 == 0);
   EXPECT_LT(AddressSpace(), before + kThreads * each / 2);
+}
+
+TEST_F(MTHostTest, ATerminatedThreadHasTakenItsLastStep) {
+  std::atomic<bool> taken{false};
+  RunWith(MTThread::kPriorityNormal, MTThread::kProcessorAny, [&] {
+    CallAtEndOfThread([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds{50});
+      taken = true;
+    });
+  });
+  EXPECT_TRUE(taken);
 }
 
 }  // namespace

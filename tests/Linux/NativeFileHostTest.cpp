@@ -11,6 +11,8 @@
 #include <fstream>
 
 #include "FileTestTools.h"
+#include "LinuxDescriptors.h"
+#include "LinuxFileTools.h"
 
 namespace Orvane {
 namespace {

@@ -8,6 +8,8 @@
 #include "Cache.h"
 #include "FaultyFileSystem.h"
 #include "FileTestTools.h"
+#include "LinuxDescriptors.h"
+#include "LinuxFileTools.h"
 #include "OSServicesHost.h"
 
 namespace Orvane {

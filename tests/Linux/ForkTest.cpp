@@ -15,6 +15,7 @@
 #include "Buffer.h"
 #include "BufferList.h"
 #include "ChildProcess.h"
+#include "LinuxChildTools.h"
 #include "LockOrderChecker.h"
 #include "MTInterface.h"
 #include "OSServices.h"

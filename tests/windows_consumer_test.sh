@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Uses the library for Windows as another project does: installs a build into a temporary folder,
+# builds the examples against it with the static library and with the DLL, and runs them under Wine.
+# Usage: windows_consumer_test.sh BUILD_FOLDER
+# shellcheck source-path=SCRIPTDIR
+set -u
+build=$(realpath "$1")
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+root=$(dirname "$here")
+. "$here/shell_checks.sh"
+
+work=$(mktemp -d "${TMPDIR:-/var/tmp}/orvane-windows.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+prefix=$work/prefix
+sample=$root/README.md
+bytes=$(wc -c <"$sample")
+
+check 'installation' cmake --install "$build" --prefix "$prefix"
+check 'the DLL is installed' test -e "$prefix/bin/libOrvane.dll"
+check 'its import library is installed' test -e "$prefix/lib/libOrvane.dll.a"
+
+runs() { # what program
+  local output
+  output=$("$root/scripts/wine" "$2" "$sample" 2>&1 | tr -d '\r')
+  contains "$1" "$bytes bytes" "$output"
+}
+# shellcheck disable=SC2317 # called through check
+needs_dll() { x86_64-w64-mingw32-objdump -p "$1" | grep -q 'DLL Name: libOrvane.dll'; }
+# shellcheck disable=SC2317
+needs_no_dll() { [ -e "$1" ] && ! needs_dll "$1"; }
+
+for kind in static shared; do
+  folder=$work/$kind
+  shared=OFF
+  [ $kind = static ] || shared=ON
+  check "$kind: configure" cmake -S "$root/examples" -B "$folder" -G Ninja \
+    -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/mingw-w64.cmake" \
+    -DCMAKE_FIND_ROOT_PATH="$prefix" -DBUILD_SHARED_LIBS=$shared -DCMAKE_BUILD_TYPE=Release
+  check "$kind: build" cmake --build "$folder"
+  if [ $kind = shared ]; then
+    check 'shared: the program takes the DLL' needs_dll "$folder/read_file.exe"
+    cp "$prefix"/bin/*.dll "$folder"
+  else
+    check 'static: the program is by itself' needs_no_dll "$folder/read_file.exe"
+  fi
+  for program in read_file async_read cached_read pre_read; do
+    runs "$kind: $program runs" "$folder/$program.exe"
+  done
+done
+finish
