@@ -68,6 +68,11 @@ void MemorySource::AnswerNext(Result_t result, std::size_t times) {
   answers_.insert(answers_.end(), times, result);
 }
 
+void MemorySource::AnswerAsUsual() {
+  std::lock_guard lock(mutex_);
+  answers_.clear();
+}
+
 void MemorySource::EndAllWith(Result_t result, std::uint64_t bytes) {
   std::lock_guard lock(mutex_);
   endWith_ = result;

@@ -48,6 +48,8 @@ class MemorySource : public FileSource {
 
   // What the next starts answer instead of starting, in order.
   void AnswerNext(Result_t result, std::size_t times = 1);
+  // What is left of that is forgotten.
+  void AnswerAsUsual();
   // What requests that are not held end with: result and bytes. kResultNone: as the file would.
   void EndAllWith(Result_t result, std::uint64_t bytes = 0);
   // Called, on the thread of the start, before each request begins.
