@@ -27,9 +27,9 @@ class FaultyFileTest : public OrvaneTest {
 
   void SetUp() override {
     OrvaneTest::SetUp();
-    if (!EnterPrivateMounts()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to mount";
+    if (!EnterPrivateMounts()) GTEST_SKIP() << "without CAP_SYS_ADMIN nothing can be mounted";
     system_ = std::make_unique<Faulty>();
-    if (!system_->IsMounted()) GTEST_SKIP() << "needs FUSE: /dev/fuse";
+    if (!system_->IsMounted()) GTEST_SKIP() << "no /dev/fuse: nothing serves the faulty files";
   }
   void TearDown() override {
     if (system_) system_->ReleaseHeld();
@@ -328,7 +328,7 @@ TEST_F(FaultyFileTest, AHeldReadDoesNotStopOtherFiles) {
 // must not be the one I/O thread.
 TEST_F(FaultyFileTest, ManyHeldReadsDoNotStopOtherFiles) {
   if (NativeFileSysInterfaceImpHost::GetEngine() == NativeFileSysInterfaceImpHost::kEngineThreads) {
-    GTEST_SKIP() << "this engine has 8 threads by design: held reads take all of them";
+    GTEST_SKIP() << "8 blocking threads cannot pass 10 held reads: only io_uring promises it";
   }
   const TestFile file("meanwhile");
   ASSERT_TRUE(file.FillWithPattern(0, Page()));

@@ -139,7 +139,7 @@ TEST_F(NativeFileHostTest, FilesThatReportNoSizeAreReadToTheirEnd) {
   std::ifstream file("/proc/kallsyms", std::ios::binary);
   std::vector<char> expected(24 * Page());
   file.read(expected.data(), static_cast<std::streamsize>(expected.size()));
-  if (file.gcount() == 0) GTEST_SKIP() << "needs a kernel with CONFIG_KALLSYMS";
+  if (file.gcount() == 0) GTEST_SKIP() << "no symbols (CONFIG_KALLSYMS): file is empty";
   expected.resize(static_cast<std::size_t>(file.gcount()));
   const bool whole = expected.size() == 24 * Page();
   const Source source(OpenSource("/proc/kallsyms", OpenFor::kRead));
@@ -173,7 +173,7 @@ TEST_F(NativeFileHostTest, SocketsReportErrors) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (file.Path().size() >= sizeof address.sun_path) {
-    GTEST_SKIP() << "a socket's name has at most 107 bytes; use a shorter --dir";
+    GTEST_SKIP() << "the kernel takes socket names of at most 107 bytes; use a shorter --dir";
   }
   std::memcpy(address.sun_path, file.Path().c_str(), file.Path().size());
   const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -188,7 +188,7 @@ TEST_F(NativeFileHostTest, TerminalsReportErrors) {
   char name[100];
   if (terminal < 0 || unlockpt(terminal) != 0 || ptsname_r(terminal, name, sizeof name) != 0) {
     if (terminal >= 0) close(terminal);
-    GTEST_SKIP() << "needs /dev/ptmx and /dev/pts to make a terminal";
+    GTEST_SKIP() << "no /dev/ptmx or /dev/pts: no terminal can be made to open";
   }
   ExpectErrors(name);
   close(terminal);

@@ -12,7 +12,7 @@ namespace Orvane {
 // Issue puts a transfer into a queue, from which the threads take them in order; a transfer that is
 // done goes into a second queue, from which Wait takes them. lock_ guards both. A cancel takes a
 // transfer out of the first queue; one that a thread is busy with runs to its end. Differences from
-// the other host: it has no such port, all its files can be read while others wait.
+// the other host: it has no such port: all its files can be read while others wait.
 class AsyncPortThreadsLinux : public AsyncPort {
  public:
   AsyncPortThreadsLinux();

@@ -23,7 +23,7 @@ struct MTThreadWin::Launch {
   }
 
   MTThreadWin* const thread;  // null when there is nothing to run
-  const HANDLE adjusted;  // set once affinity and priority are set
+  const HANDLE adjusted;      // set once affinity and priority are set
   std::atomic<int> users{2};
 };
 
