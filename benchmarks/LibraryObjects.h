@@ -1,11 +1,11 @@
-// What the readers of the library are made of.
+// What the runners of the library are made of.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 #include "Orvane.h"
-#include "Reader.h"
+#include "OrvaneRunners.h"
 
 namespace bench {
 
@@ -15,23 +15,25 @@ void Drop(Orvane::SharedObject* object);
 // A cache over memory of its own. The caller's reference. Throws std::bad_alloc if memory is short.
 Orvane::Cache* NewCache(const CacheShape& shape);
 
-// Opens the file for reading, through a cache of its own if the job has one. The caller's
-// reference.
-Orvane::NativeFileSource* OpenSource(const Job& job);
+// Opens the file, for reading or for writing too, through a cache of its own if the job has one,
+// with what the job wants loaded. The caller's reference. Throws std::runtime_error.
+Orvane::NativeFileSource* OpenSource(const CachedJob& job);
 
 // One chunk of page memory, cut into blocks, as the peers have it too.
 class Blocks {
  public:
-  // Throws std::bad_alloc if memory is short.
-  Blocks(std::uint64_t blockBytes, std::size_t count);
+  // Memory for `count` lists of `parts` equal buffers that together have `bytes`. Throws
+  // std::bad_alloc if memory is short.
+  Blocks(std::uint64_t bytes, std::size_t count, unsigned parts);
   ~Blocks();
   Blocks(const Blocks&) = delete;
   Blocks& operator=(const Blocks&) = delete;
 
-  // Takes a block for good. The caller's reference.
-  Orvane::BufferList* NewListOfOne();
+  // Takes its buffers for good. They do not adjoin each other. The caller's reference.
+  Orvane::BufferList* NewList();
 
  private:
+  const unsigned parts_;
   Orvane::BufferFactoryPhysMem* const factory_;
 };
 

@@ -1,0 +1,86 @@
+// Queues of commands with shuffled due times.
+#include <algorithm>
+#include <atomic>
+#include <numeric>
+#include <random>
+#include <string>
+
+#include "Cache/CommandProcessor.h"
+#include "OSServices/LockClass.h"
+#include "Orvane.h"
+#include "Suite.h"
+
+namespace bench {
+namespace {
+
+constexpr std::size_t kCommands = 100000;
+
+class CountingCommand : public Orvane::Command {
+ public:
+  CountingCommand(std::uint32_t dueTime, std::atomic<std::size_t>* left,
+                  Orvane::MTSemaphore* finished)
+      : Command(Orvane::kCommandRead, dueTime), left_(left), finished_(finished) {}
+  bool Execute() override { return true; }
+  void Finish(bool) override {
+    std::atomic<std::size_t>* const left = left_;
+    Orvane::MTSemaphore* const finished = finished_;
+    delete this;
+    if (left->fetch_sub(1) == 1) finished->Release(1);
+  }
+
+ private:
+  std::atomic<std::size_t>* const left_;
+  Orvane::MTSemaphore* const finished_;
+};
+
+// Queues some while the worker is held, then lets it run them all; as often as it takes for
+// kCommands.
+class CommandRunner : public Runner {
+ public:
+  explicit CommandRunner(std::size_t queued)
+      : finished_(Orvane::MTInterface::NewSemaphore(1, 0)),
+        dueTimes_(queued),
+        processor_(&kKind, 1, Orvane::MTThread::kPriorityNormal, Orvane::LockClass::kReadSection) {
+    std::iota(dueTimes_.begin(), dueTimes_.end(),
+              Orvane::MTInterface::GetCurrentTimeMilli() + 1000);
+    std::shuffle(dueTimes_.begin(), dueTimes_.end(), std::mt19937_64(3));
+  }
+
+  void Pass(LatencyHistogram*) override {
+    for (std::size_t done = 0; done < kCommands; done += dueTimes_.size()) {
+      left_ = dueTimes_.size();
+      processor_.Hold();
+      for (const std::uint32_t dueTime : dueTimes_) {
+        processor_.Add(new CountingCommand(dueTime, &left_, finished_.get()));
+      }
+      processor_.Release();
+      finished_->Wait(0xFFFFFFFF, 1);
+    }
+  }
+
+ private:
+  static constexpr std::uint32_t kKind = Orvane::kCommandRead;
+
+  const std::unique_ptr<Orvane::MTSemaphore> finished_;
+  std::vector<std::uint32_t> dueTimes_;
+  std::atomic<std::size_t> left_{0};
+  Orvane::CommandProcessor processor_;
+};
+
+}  // namespace
+
+void AddCommandWorks(Suite* suite) {
+  Work work{
+      "growth: commands with shuffled due times, queued together", "commands", kCommands, {}, {}};
+  const auto name = [](std::size_t queued) { return std::to_string(queued) + " queued"; };
+  for (std::size_t queued = kCommands / 100; queued <= kCommands; queued *= 10) {
+    work.contenders.push_back({name(queued),
+                               [queued] { return std::make_unique<CommandRunner>(queued); },
+                               static_cast<double>(queued)});
+  }
+  work.aims.push_back(
+      {"P13", name(kCommands), {name(kCommands / 100)}, Measure::kTime, false, 1.5});
+  suite->works.push_back(work);
+}
+
+}  // namespace bench

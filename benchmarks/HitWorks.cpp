@@ -1,0 +1,147 @@
+// Reads of what is in memory, each peer in its own way.
+#include <algorithm>
+#include <string>
+#include <thread>
+
+#include "OrvaneRunners.h"
+#include "Peers.h"
+#include "Sizes.h"
+#include "Suite.h"
+#include "TestFile.h"
+
+namespace bench {
+namespace {
+
+constexpr const char* kUs = "orvane";
+constexpr const char* kSmallBlocks = "orvane, blocks of 4 KiB";
+
+CachedJob Loaded(const Job& job, std::uint64_t workingSet, std::uint64_t blockBytes) {
+  return {job, {blockBytes, static_cast<std::size_t>(workingSet / blockBytes)}, workingSet};
+}
+
+struct HitAims {
+  std::uint64_t readBytes;
+  double pageCache;  // time against a read of the page cache
+  double mapping;    // and against a copy out of a mapping
+};
+
+Work HitWork(const TestFile& file, std::uint64_t workingSet, const HitAims& aims) {
+  Job job{file.GetName(), aims.readBytes};
+  job.offsets = RandomOffsets(workingSet, aims.readBytes,
+                              std::max<std::size_t>(16 * kMiB / aims.readBytes, 64));
+  Work work{
+      "hits of " + SizeText(aims.readBytes) + " in " + SizeText(workingSet) + ", one at a time",
+      "reads",
+      job.offsets.size(),
+      {},
+      {}};
+  const CachedJob ours = Loaded(job, workingSet, 64 * kKiB);
+  work.contenders.push_back({kUs, [ours] { return NewOrvaneSync(ours); }});
+  const CachedJob small = Loaded(job, workingSet, 4 * kKiB);
+  work.contenders.push_back({kSmallBlocks, [small] { return NewOrvaneSync(small); }});
+  const std::vector<Peer> peers = GetPeers(PeerKind::kBufferedSync);
+  for (std::size_t k = 0; k < peers.size(); ++k) {
+    work.contenders.push_back({peers[k].name, [job, make = peers[k].make] { return make(job); }});
+    work.aims.push_back({"P6",
+                         kUs,
+                         {peers[k].name},
+                         Measure::kTime,
+                         false,
+                         k == 0 ? aims.pageCache : aims.mapping});
+  }
+  return work;
+}
+
+Work AsyncHitWork(const TestFile& file, std::uint64_t workingSet) {
+  Job job{file.GetName(), 4 * kKiB, 61};
+  job.offsets = RandomOffsets(workingSet, job.itemBytes, 16384);
+  Work work{"hits of 4 KiB in " + SizeText(workingSet) + ", 61 in flight",
+            "reads",
+            job.offsets.size(),
+            {},
+            {}};
+  const CachedJob ours = Loaded(job, workingSet, 64 * kKiB);
+  work.contenders.push_back({kUs, [ours] { return NewOrvaneAsync(ours); }});
+  for (const Peer& peer : GetPeers(PeerKind::kBufferedAsync)) {
+    work.contenders.push_back({peer.name, [job, make = peer.make] { return make(job); }});
+    work.aims.push_back({"P9", kUs, {peer.name}, Measure::kRate, true, 1.0});
+  }
+  return work;
+}
+
+// The cache holds all of the working set, or half of it.
+Work BlockCacheWork(const TestFile& file, std::uint64_t blockBytes, bool half) {
+  const std::uint64_t workingSet = 128 * kMiB;
+  const std::uint64_t cacheBytes = half ? workingSet / 2 : workingSet;
+  Job job{file.GetName(), blockBytes};
+  job.offsets = RandomOffsets(workingSet, blockBytes, half ? 5000 : 16 * kMiB / blockBytes);
+  Work work{"blocks of " + SizeText(blockBytes) + (half ? ", half of them hits" : ", all hits") +
+                ", one at a time",
+            "reads",
+            job.offsets.size(),
+            {},
+            {}};
+  CachedJob ours = Loaded(job, cacheBytes, blockBytes);
+  work.contenders.push_back({kUs, [ours] { return NewOrvaneSync(ours); }});
+  for (const BlockCachePeer& peer : GetBlockCachePeers()) {
+    work.contenders.push_back(
+        {peer.name, [job, cacheBytes, make = peer.make] { return make(job, cacheBytes); }});
+    work.aims.push_back({"P7", kUs, {peer.name}, Measure::kRate, true, 1.0});
+  }
+  return work;
+}
+
+Work ThreadWork(const TestFile& file, std::uint64_t readBytes) {
+  const std::uint64_t workingSet = 64 * kMiB;
+  Job job{file.GetName(), readBytes};
+  job.offsets = RandomOffsets(workingSet, readBytes, 32 * kMiB / readBytes);
+  const CachedJob ours = Loaded(job, workingSet, 64 * kKiB);
+  Work work{"hits of " + SizeText(readBytes) + " by several threads",
+            "reads",
+            job.offsets.size(),
+            {},
+            {}};
+  const auto name = [](unsigned threads) {
+    return std::to_string(threads) + (threads == 1 ? " thread" : " threads");
+  };
+  for (unsigned threads = 1; threads <= std::max(2U, std::thread::hardware_concurrency());
+       threads *= 2) {
+    work.contenders.push_back({name(threads),
+                               [ours, threads] { return NewOrvaneSync(ours, threads); },
+                               static_cast<double>(threads)});
+    if (threads == 1) continue;
+    work.aims.push_back({"P8",
+                         name(threads),
+                         {name(1)},
+                         Measure::kRate,
+                         true,
+                         threads == 2 ? 1.85 : 0.8 * threads});
+  }
+  return work;
+}
+
+}  // namespace
+
+void AddHitWorks(Suite* suite, const TestFile& file) {
+  for (const std::uint64_t workingSet : {16 * kMiB, 256 * kMiB}) {
+    for (const HitAims& aims :
+         {HitAims{4 * kKiB, 0.8, 1.6}, HitAims{64 * kKiB, 0.85, 1.1}, HitAims{kMiB, 0.9, 1.05}}) {
+      suite->works.push_back(HitWork(file, workingSet, aims));
+    }
+    suite->works.push_back(AsyncHitWork(file, workingSet));
+  }
+}
+
+void AddBlockCacheWorks(Suite* suite, const TestFile& file) {
+  for (const std::uint64_t blockBytes : {4 * kKiB, 64 * kKiB}) {
+    suite->works.push_back(BlockCacheWork(file, blockBytes, /*half=*/false));
+    suite->works.push_back(BlockCacheWork(file, blockBytes, /*half=*/true));
+  }
+}
+
+void AddThreadWorks(Suite* suite, const TestFile& file) {
+  suite->works.push_back(ThreadWork(file, 4 * kKiB));
+  suite->works.push_back(ThreadWork(file, 64 * kKiB));
+}
+
+}  // namespace bench

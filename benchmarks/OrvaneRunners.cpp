@@ -1,0 +1,226 @@
+#include "OrvaneRunners.h"
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+#include "LatencyHistogram.h"
+#include "LibraryObjects.h"
+#include "Orvane.h"
+
+namespace bench {
+namespace {
+
+using Orvane::BufferList;
+using Orvane::CacheSource;
+using Orvane::FileSource;
+
+// One list per transfer in flight; each callback starts the next transfer with its list.
+class AsyncRunner : public Runner {
+ public:
+  explicit AsyncRunner(const CachedJob& job)
+      : job_(job),
+        blocks_(job.itemBytes, job.depth, job.parts),
+        source_(OpenSource(job)),
+        finished_(Orvane::MTInterface::NewSemaphore(1, 0)) {
+    for (unsigned k = 0; k < job.depth; ++k) lanes_.push_back(new Lane(this));
+  }
+
+  ~AsyncRunner() override {
+    source_->Close();
+    Drop(source_);
+    for (Lane* const lane : lanes_) Drop(lane);
+  }
+
+  void Pass(LatencyHistogram* latencies) override {
+    latencies_ = latencies;
+    next_ = 0;
+    left_ = job_.offsets.size();
+    for (Lane* const lane : lanes_) lane->StartNext();
+    finished_->Wait(0xFFFFFFFF, 1);
+    if (failed_) throw std::runtime_error("a transfer failed");
+  }
+
+ private:
+  class Lane : public FileSource::ResultCallbackBufferList {
+   public:
+    explicit Lane(AsyncRunner* runner) : runner_(runner), list_(runner->blocks_.NewList()) {}
+
+    void StartNext() {
+      const Job& job = runner_->job_;
+      const std::size_t index = runner_->next_.fetch_add(1, std::memory_order_relaxed);
+      if (index >= job.offsets.size()) return;
+      if (runner_->latencies_) start_ = Clock::now();
+      const std::uint64_t offset = job.offsets[index];
+      const auto result =
+          job.write
+              ? runner_->source_->WriteAsyncWithList(offset, list_, this, CacheSource::kDueASAP)
+              : runner_->source_->ReadAsyncWithList(offset, list_, this, CacheSource::kDueASAP);
+      if (result != CacheSource::kResultPending) runner_->OnDone(/*good=*/false);
+    }
+
+    void Callback(CacheSource::Result_t result, std::uint64_t, BufferList*,
+                  std::uint64_t) override {
+      AsyncRunner* const runner = runner_;
+      if (runner->latencies_) runner->latencies_->RecordSince(start_);
+      StartNext();
+      runner->OnDone(result == CacheSource::kResultOK);
+    }
+
+   protected:
+    ~Lane() override { Drop(list_); }
+
+   private:
+    AsyncRunner* const runner_;
+    BufferList* const list_;
+    Clock::time_point start_;
+  };
+
+  void OnDone(bool good) {
+    if (!good) failed_ = true;
+    if (left_.fetch_sub(1) == 1) finished_->Release(1);
+  }
+
+  const CachedJob job_;
+  Blocks blocks_;
+  Orvane::NativeFileSource* const source_;
+  const std::unique_ptr<Orvane::MTSemaphore> finished_;
+  std::vector<Lane*> lanes_;
+  LatencyHistogram* latencies_ = nullptr;
+  std::atomic<std::size_t> next_{0};
+  std::atomic<std::size_t> left_{0};
+  std::atomic<bool> failed_{false};
+};
+
+// The threads stay between passes: starting one is not what is measured.
+class SyncRunner : public Runner {
+ public:
+  SyncRunner(const CachedJob& job, unsigned threads)
+      : job_(job),
+        threads_(threads),
+        blocks_(job.itemBytes, threads, job.parts),
+        source_(OpenSource(job)),
+        go_(Orvane::MTInterface::NewSemaphore(threads, 0)),
+        done_(Orvane::MTInterface::NewSemaphore(threads, 0)) {
+    for (unsigned k = 0; k < threads; ++k) lists_.push_back(blocks_.NewList());
+    for (unsigned k = 1; k < threads; ++k) others_.emplace_back([this, k] { Serve(k); });
+  }
+
+  ~SyncRunner() override {
+    over_ = true;
+    if (!others_.empty()) go_->Release(static_cast<std::uint32_t>(others_.size()));
+    for (std::thread& other : others_) other.join();
+    source_->Close();
+    Drop(source_);
+    for (BufferList* const list : lists_) Drop(list);
+  }
+
+  void Pass(LatencyHistogram* latencies) override {
+    latencies_ = latencies;
+    const auto others = static_cast<std::uint32_t>(others_.size());
+    if (others > 0) go_->Release(others);
+    ReadShare(0);
+    if (others > 0) done_->Wait(0xFFFFFFFF, others);
+    if (failed_) throw std::runtime_error("a transfer failed");
+  }
+
+ private:
+  void Serve(unsigned thread) {
+    for (;;) {
+      go_->Wait(0xFFFFFFFF, 1);
+      if (over_) return;
+      ReadShare(thread);
+      done_->Release(1);
+    }
+  }
+
+  void ReadShare(unsigned thread) {
+    const std::size_t count = job_.offsets.size();
+    const std::size_t end = count * (thread + 1) / threads_;
+    for (std::size_t k = count * thread / threads_; k < end; ++k) {
+      const auto start = latencies_ ? Clock::now() : Clock::time_point();
+      const auto result = job_.write
+                              ? source_->WriteWithList(job_.offsets[k], lists_[thread], nullptr)
+                              : source_->ReadWithList(job_.offsets[k], lists_[thread], nullptr);
+      if (latencies_) latencies_->RecordSince(start);
+      if (result != CacheSource::kResultOK) failed_ = true;
+    }
+  }
+
+  const CachedJob job_;
+  const unsigned threads_;
+  Blocks blocks_;
+  Orvane::NativeFileSource* const source_;
+  const std::unique_ptr<Orvane::MTSemaphore> go_;
+  const std::unique_ptr<Orvane::MTSemaphore> done_;
+  std::vector<BufferList*> lists_;  // one per thread
+  std::vector<std::thread> others_;
+  LatencyHistogram* latencies_ = nullptr;
+  std::atomic<bool> over_{false};
+  std::atomic<bool> failed_{false};
+};
+
+// Keeps the window ahead of itself full, an item at a time.
+class ScanRunner : public Runner {
+ public:
+  explicit ScanRunner(const ScanJob& job)
+      : job_(job),
+        blocks_(job.itemBytes, 1, 1),
+        source_(OpenSource(job)),
+        list_(blocks_.NewList()) {}
+
+  ~ScanRunner() override {
+    source_->Close();
+    Drop(source_);
+    Drop(list_);
+  }
+
+  void Prepare() override { source_->GetCache()->Purge(source_); }
+
+  void Pass(LatencyHistogram* latencies) override {
+    PreRead(0, job_.windowBytes);
+    for (const std::uint64_t offset : job_.offsets) {
+      const std::uint64_t ahead = offset + job_.windowBytes;
+      if (ahead <= job_.offsets.back()) PreRead(ahead, job_.itemBytes);
+      const auto start = latencies ? Clock::now() : Clock::time_point();
+      if (source_->ReadWithList(offset, list_, nullptr) != CacheSource::kResultOK) {
+        throw std::runtime_error("a read failed");
+      }
+      if (latencies) latencies->RecordSince(start);
+      if (job_.microsPerItem > 0) Compute(job_.microsPerItem);
+    }
+  }
+
+ private:
+  void PreRead(std::uint64_t offset, std::uint64_t bytes) {
+    source_->PreRead(offset, bytes, Orvane::MTInterface::GetCurrentTimeMilli(),
+                     Orvane::MTThread::kPriorityNormal);
+  }
+
+  const ScanJob job_;
+  Blocks blocks_;
+  Orvane::NativeFileSource* const source_;
+  BufferList* const list_;
+};
+
+}  // namespace
+
+std::unique_ptr<Runner> NewOrvaneAsync(const CachedJob& job) {
+  return std::make_unique<AsyncRunner>(job);
+}
+
+std::unique_ptr<Runner> NewOrvaneSync(const CachedJob& job, unsigned threads) {
+  return std::make_unique<SyncRunner>(job, threads);
+}
+
+std::unique_ptr<Runner> NewOrvaneScan(const ScanJob& job) {
+  return std::make_unique<ScanRunner>(job);
+}
+
+void Compute(double micros) {
+  const auto end = Clock::now() + std::chrono::duration<double, std::micro>(micros);
+  while (Clock::now() < end) {
+  }
+}
+
+}  // namespace bench
