@@ -14,6 +14,7 @@ namespace Orvane {
 class Buffer;
 class BufferFactory;
 class BufferList;
+class CacheCommand;
 class CacheParts;
 class CacheTransaction;
 class ReportRegistry;
@@ -115,6 +116,7 @@ class ORVANE_EXPORT Cache : public SharedObject {
   friend class CacheReaper;
   friend class FileSource;
   friend class ReadCommand;
+  friend class ResidentReadCommand;
   friend class ResultBufferListWrapper;
   friend class WriteCallbackWrapper;
 
@@ -129,7 +131,11 @@ class ORVANE_EXPORT Cache : public SharedObject {
   // Copies the range into the buffer, or into the list for null, if blocks hold all of it; false,
   // with nothing to be relied on in the memory, otherwise.
   bool ReadResident(CacheSource* source, std::uint64_t offset, Buffer* buffer, BufferList* list,
-                    std::uint64_t size);
+                    std::uint64_t size, std::uint32_t dueTime);
+  // Whether ReadResident would, now.
+  bool HoldsResident(CacheSource* source, std::uint64_t offset, std::uint64_t size);
+  // Hands a command to the thread for copies. Throws when memory is short.
+  void QueueCopy(CacheCommand* command);
   ReportRegistry* GetReports();
   bool IsCancelling(CacheSource* source);
 

@@ -250,11 +250,20 @@ bool Cache::IsCancelling(CacheSource* source) {
 }
 
 bool Cache::ReadResident(CacheSource* source, std::uint64_t offset, Buffer* buffer,
-                         BufferList* list, std::uint64_t size) {
+                         BufferList* list, std::uint64_t size, std::uint32_t dueTime) {
   if (!parts_->CanRead() || size == 0 || PassesTheEnd(offset, size) || IsCancelling(source)) {
     return false;
   }
-  return parts_->resident_->Read(source->GetSourceKey(), offset, size, buffer, list);
+  return parts_->resident_->Read(source->GetSourceKey(), offset, size, buffer, list, dueTime);
+}
+
+bool Cache::HoldsResident(CacheSource* source, std::uint64_t offset, std::uint64_t size) {
+  if (!parts_->CanRead() || PassesTheEnd(offset, size) || IsCancelling(source)) return false;
+  return parts_->blocks_->HoldsResident(source->GetSourceKey(), offset, size);
+}
+
+void Cache::QueueCopy(CacheCommand* command) {
+  parts_->copyProcessor_->Add(command);
 }
 
 }  // namespace Orvane

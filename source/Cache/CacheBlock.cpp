@@ -335,8 +335,7 @@ bool CacheBlock::Unlock(std::uint32_t dueTime) {
   return UnlockInner(&dueTime, nullptr);
 }
 
-bool CacheBlock::UnlockNow(const CacheTime& now) {
-  const std::uint32_t dueTime = CacheSource::kDueASAP;
+bool CacheBlock::Unlock(std::uint32_t dueTime, const CacheTime& now) {
   return UnlockInner(&dueTime, &now);
 }
 

@@ -96,8 +96,8 @@ class CacheBlock : public SortedObject {
   // The end of a hold; the due time (0: now) becomes the stamp, unless the block is wanted later by
   // up to an hour. True if the block became free: the cache has been told.
   bool Unlock(std::uint32_t dueTime);
-  // The same, as soon as possible, for one who knows the time.
-  bool UnlockNow(const CacheTime& now);
+  // The same for one who knows the time.
+  bool Unlock(std::uint32_t dueTime, const CacheTime& now);
 
   // Drops the buffer: the block is dead.
   void ReleaseBuffer();

@@ -17,11 +17,11 @@ constexpr std::size_t kHeldAtOnce = 16;
 // Holds on blocks, for as long as their bytes are copied.
 class ResidentHolds {
  public:
-  ResidentHolds() = default;
+  explicit ResidentHolds(std::uint32_t dueTime) : dueTime_(dueTime) {}
   ~ResidentHolds() {
     if (count_ == 0) return;
     const CacheTime now = CacheTime::Now();
-    for (std::size_t k = 0; k < count_; ++k) pieces_[k].block->UnlockNow(now);
+    for (std::size_t k = 0; k < count_; ++k) pieces_[k].block->Unlock(dueTime_, now);
   }
   ResidentHolds(const ResidentHolds&) = delete;
   ResidentHolds& operator=(const ResidentHolds&) = delete;
@@ -36,6 +36,7 @@ class ResidentHolds {
   const CacheBlockList::ResidentPiece& operator[](std::size_t k) const { return pieces_[k]; }
 
  private:
+  const std::uint32_t dueTime_;
   CacheBlockList::ResidentPiece pieces_[kHeldAtOnce];
   std::size_t count_ = 0;
 };
@@ -65,7 +66,7 @@ ResidentReader::ResidentReader(CacheBlockList* blocks, CacheStatistics* statisti
     : blocks_(blocks), statistics_(statistics) {}
 
 bool ResidentReader::Read(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
-                          Buffer* buffer, BufferList* list) {
+                          Buffer* buffer, BufferList* list, std::uint32_t dueTime) {
   // Nothing is copied in vain for the lack of a block further on.
   const bool isOneRun =
       (offset % blocks_->GetBlockSize() + size - 1) / blocks_->GetBlockSize() < kHeldAtOnce;
@@ -73,7 +74,7 @@ bool ResidentReader::Read(std::uint32_t sourceKey, std::uint64_t offset, std::ui
   std::uint64_t done = 0;
   std::size_t blocks = 0;
   while (done < size) {
-    ResidentHolds holds;
+    ResidentHolds holds(dueTime);
     if (!holds.Lock(blocks_, sourceKey, offset + done, size - done)) return false;
     for (std::size_t k = 0; k < holds.GetCount(); ++k) {
       if (!Copy(holds[k].address, holds[k].bytes, done, buffer, list)) return false;

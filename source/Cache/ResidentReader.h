@@ -16,8 +16,9 @@ class ResidentReader {
   ResidentReader(CacheBlockList* blocks, CacheStatistics* statistics);
 
   // Into the buffer, or into the list if that is null. False unless all `size` bytes were copied.
+  // The due time (0: now) becomes the stamp of the blocks.
   bool Read(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size, Buffer* buffer,
-            BufferList* list);
+            BufferList* list, std::uint32_t dueTime);
 
  private:
   CacheBlockList* const blocks_;

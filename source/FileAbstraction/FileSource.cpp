@@ -4,6 +4,7 @@
 #include "BufferList.h"
 #include "Cache.h"
 #include "CacheTransaction.h"
+#include "FileAbstraction/ResidentReadCommand.h"
 #include "FileAbstraction/ResultBufferListWrapper.h"
 #include "FileAbstraction/ResultCallbackWrapper.h"
 #include "FileAbstraction/TransactionWrapper.h"
@@ -102,7 +103,7 @@ bool FileSource::ReadResident(std::uint64_t offset, Buffer* buffer, BufferList* 
                               std::uint64_t size, std::uint64_t* bytesRead) {
   Cache* const cache = GetCache();
   if (!cache || LibraryThreadMark::IsSetOnThisThread()) return false;
-  if (!cache->ReadResident(this, offset, buffer, list, size)) return false;
+  if (!cache->ReadResident(this, offset, buffer, list, size, kDueASAP)) return false;
   if (bytesRead) *bytesRead = size;
   return true;
 }
@@ -122,6 +123,9 @@ FileSource::Result_t FileSource::ReadAsyncWithList(std::uint64_t offset, BufferL
   }
   // Whatever keeps a cached read from starting is answered with this one code.
   if (!list || !callback || list->GetTotalSizeOfBuffers() == 0) return kResultNotSupported;
+  if (ResidentReadCommand::Start(this, cache, offset, list, callback, dueTime) == kResultPending) {
+    return kResultPending;
+  }
   auto* const wrapper = new ResultBufferListWrapper(this, cache, offset, list, callback, dueTime);
   return wrapper->Initiate();
 }

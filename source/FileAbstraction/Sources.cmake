@@ -1,5 +1,6 @@
 list(APPEND ORVANE_SOURCES
   FileAbstraction/FileSource.cpp
+  FileAbstraction/ResidentReadCommand.cpp
   FileAbstraction/ResultBufferListWrapper.cpp
   FileAbstraction/ResultCallbackWrapper.cpp
   FileAbstraction/TransactionWrapper.cpp

@@ -1,0 +1,103 @@
+#include "FileAbstraction/ResidentReadCommand.h"
+
+#include <memory>
+
+#include "BufferList.h"
+#include "Cache.h"
+#include "Cache/CacheCommands.h"
+#include "FileAbstraction/ResultBufferListWrapper.h"
+#include "MTInterface.h"
+
+namespace Orvane {
+namespace {
+
+constexpr const char* kFile = "source/FileAbstraction/FileSource";
+constexpr const char* kConstructor = "ResidentReadCommand::ResidentReadCommand";
+constexpr const char* kDestructor = "ResidentReadCommand::~ResidentReadCommand";
+
+// Larger ones are cut into blocks, so that others that are due get their turn in between.
+constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 20;
+
+}  // namespace
+
+CacheSource::Result_t ResidentReadCommand::Start(FileSource* source, Cache* cache,
+                                                 std::uint64_t offset, BufferList* list,
+                                                 FileSource::ResultCallbackBufferList* callback,
+                                                 std::uint32_t dueTime) {
+  const std::uint64_t size = list->GetTotalSizeOfBuffers();
+  if (size > kMostBytes || !cache->HoldsResident(source, offset, size)) {
+    return CacheSource::kResultNone;
+  }
+  try {
+    std::unique_ptr<ResidentReadCommand, FinishUnused> command(
+        new ResidentReadCommand(source, cache, offset, list, callback, dueTime));
+    // It may be reported, and the last reference given up, before this returns.
+    SharedObjectAutoRef keepCache(cache);
+    cache->QueueCopy(command.get());
+    command.release();
+    return CacheSource::kResultPending;
+  } catch (...) {
+    return CacheSource::kResultNone;
+  }
+}
+
+ResidentReadCommand::ResidentReadCommand(FileSource* source, Cache* cache, std::uint64_t offset,
+                                         BufferList* list,
+                                         FileSource::ResultCallbackBufferList* callback,
+                                         std::uint32_t dueTime)
+    : CacheCommand(kCommandDispatchedCopy, dueTime, cache, source),
+      source_(source),
+      list_(list),
+      callback_(callback),
+      offset_(offset) {
+  source_->AddRef(kFile, kConstructor, __LINE__);
+  list_->AddRef(kFile, kConstructor, __LINE__);
+  callback_->AddRef(kFile, kConstructor, __LINE__);
+}
+
+ResidentReadCommand::~ResidentReadCommand() {
+  list_->DecRef(kFile, kDestructor, __LINE__);
+  callback_->DecRef(kFile, kDestructor, __LINE__);
+  source_->DecRef(kFile, kDestructor, __LINE__);
+}
+
+bool ResidentReadCommand::Execute() {
+  const bool isThere = cache_->ReadResident(source_, offset_, nullptr, list_,
+                                            list_->GetTotalSizeOfBuffers(), GetDueTime());
+  result_ = isThere ? CacheSource::kResultOK : ReadAsMiss();
+  return true;
+}
+
+// kResultPending: the report is another's.
+CacheSource::Result_t ResidentReadCommand::ReadAsMiss() {
+  auto* const wrapper =
+      new ResultBufferListWrapper(source_, cache_, offset_, list_, callback_, GetDueTime());
+  const CacheSource::Result_t result = wrapper->Initiate();
+  return result == CacheSource::kResultPending ? result : CacheSource::kResultError;
+}
+
+// Without an outcome it was cancelled, or memory was short for it; or nobody was told of its start.
+void ResidentReadCommand::Finish(bool cancelled) {
+  if (cancelled && result_ == CacheSource::kResultNone) result_ = CacheSource::kResultFailed;
+  if (result_ == CacheSource::kResultNone || result_ == CacheSource::kResultPending) {
+    delete this;
+    return;
+  }
+  cache_->GetReports()->Add(&entry_, source_->GetSourceKey());
+  if (!ReportScope::Defer(this)) FinishReport();
+}
+
+void ResidentReadCommand::FinishReport() {
+  ReportScope scope;
+  try {
+    ReportScope::CallersCode callersCode;
+    const bool isDone = result_ == CacheSource::kResultOK;
+    callback_->Callback(result_, offset_, list_, isDone ? list_->GetTotalSizeOfBuffers() : 0);
+  } catch (...) {
+    MTInterface::DebugString("Unhandled Exception In File Callback\n");
+  }
+  cache_->GetReports()->Remove(&entry_);
+  delete this;
+}
+
+}  // namespace Orvane
