@@ -83,9 +83,12 @@ Work BlockCacheWork(const TestFile& file, std::uint64_t blockBytes, bool half) {
             {}};
   CachedJob ours = Loaded(job, cacheBytes, blockBytes);
   work.contenders.push_back({kUs, [ours] { return NewOrvaneSync(ours); }});
+  // Those that spread blocks over parts of their own need more than the blocks take to hold them
+  // all.
+  const std::uint64_t peerBytes = half ? cacheBytes : cacheBytes * 3 / 2;
   for (const BlockCachePeer& peer : GetBlockCachePeers()) {
     work.contenders.push_back(
-        {peer.name, [job, cacheBytes, make = peer.make] { return make(job, cacheBytes); }});
+        {peer.name, [job, peerBytes, make = peer.make] { return make(job, peerBytes); }});
     work.aims.push_back({"P7", kUs, {peer.name}, Measure::kRate, true, 1.0});
   }
   return work;

@@ -1,5 +1,6 @@
 #include "LatencyHistogram.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace bench {

@@ -25,6 +25,7 @@ struct Options {
   std::uint64_t fileMib = 1024;
   std::string filter;
   std::string json;
+  std::string figures;  // measured by others
   bool quick = false;
   bool list = false;
   RunOptions run;
@@ -46,6 +47,8 @@ void AddOptions(CLI::App* app, Options* options) {
                   "least seconds per contender and round")
       ->check(CLI::Range(0.001, 3600.0));
   app->add_option("--json", options->json, "writes everything found to this file");
+  app->add_option("--figures", options->figures, "adds the figures of this JSON file")
+      ->check(CLI::ExistingFile);
   app->add_flag("--quick", options->quick, "smaller files, three short rounds: a first look");
   app->add_flag("--list", options->list, "names the works and figures, and measures nothing");
   auto* const passes =
@@ -69,6 +72,18 @@ Suite MakeSuite(const TestFile& device, const std::string& deviceKind, const Tes
   AddDueTimeFigures(&suite);
   AddFootprintFigures(&suite);
   return suite;
+}
+
+// [{"name", "values": [{"name", "unit", "value"}]}]
+void AddFiguresOf(const std::string& file, Suite* suite) {
+  std::ifstream stream(file);
+  for (const nlohmann::json& figure : nlohmann::json::parse(stream)) {
+    std::vector<Value> values;
+    for (const nlohmann::json& value : figure.at("values")) {
+      values.push_back({value.at("name"), value.at("unit"), value.at("value")});
+    }
+    suite->figures.push_back({figure.at("name"), [values] { return values; }, {}});
+  }
 }
 
 void KeepMatching(Suite* suite, const std::string& filter) {
@@ -138,6 +153,7 @@ void Run(Options options) {
   const std::string deviceKind = DescribeFolder(options.folder);
   const std::string memoryKind = memory ? DescribeFolder(options.memoryFolder) : "";
   Suite suite = MakeSuite(device, deviceKind, memory.get(), memoryKind);
+  if (!options.figures.empty()) AddFiguresOf(options.figures, &suite);
   KeepMatching(&suite, options.filter);
   if (options.list) {
     for (const Work& work : suite.works) fmt::print("{}\n", work.name);
@@ -146,7 +162,8 @@ void Run(Options options) {
     RunPasses(suite, options);
   } else {
     const char* const engine = Orvane::NativeFileSysInterfaceImpHost::GetEngineName();
-    fmt::print("{}; {}, {}; engine {}\n", DescribeMachine(), deviceKind, memoryKind, engine);
+    fmt::print("{}; {}{}{}; engine {}\n", DescribeMachine(), deviceKind, memory ? ", " : "",
+               memoryKind, engine);
     RunAll(suite, options,
            {{"processor", DescribeMachine()},
             {"device_folder", deviceKind},

@@ -8,7 +8,7 @@ namespace bench {
 class LatencyHistogram;
 
 // What is measured: does the same items of work in every pass. What is slow to make is made by its
-// constructor.
+// constructor. Made, used and destroyed on one thread.
 class Runner {
  public:
   virtual ~Runner() = default;

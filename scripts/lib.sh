@@ -44,9 +44,20 @@ need_tests() {
   need_command patch patch
 }
 
-# The library, its tests and the tool for Windows, and something to run them under.
+need_boost() { wanted+=("boost headers-of-Boost-1.81 libboost1.81-dev"); }
+
+# The benchmarks, with those that the library is compared with.
+need_bench() {
+  need_build
+  need_boost
+  need_module libuv libuv1-dev
+  need_module rocksdb librocksdb-dev
+}
+
+# The library, its tests, the tool and the benchmarks for Windows, and something to run them under.
 need_windows() {
   need_build
+  need_boost
   need_command x86_64-w64-mingw32-g++-posix g++-mingw-w64-x86-64-posix
   need_command clang++ clang
   wanted+=("googletest sources-of-GoogleTest googletest")
@@ -79,6 +90,7 @@ has_need() { # kind name
       [ -e "$(clang++ -print-file-name="libclang_rt.profile-$(uname -m).a" 2>/dev/null)" ] ||
         [ -e "$(clang++ -print-file-name=libclang_rt.profile.a 2>/dev/null)" ]
       ;;
+    boost) [ -e /usr/include/boost/histogram.hpp ] ;;
     googletest) [ -e /usr/src/googletest/CMakeLists.txt ] ;;
     wine) command -v wine64 /usr/lib/wine/wine64 >/dev/null ;;
     compiler) command -v c++ >/dev/null || command -v g++ >/dev/null || command -v clang++ >/dev/null ;;

@@ -10,8 +10,8 @@
 #include <span>
 #include <vector>
 
+#include "../ItemQueue.h"
 #include "ItemMemory.h"
-#include "ItemQueue.h"
 #include "PeerFactories.h"
 #include "PeerFile.h"
 

@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "../ItemQueue.h"
 #include "ItemMemory.h"
-#include "ItemQueue.h"
 #include "PeerFactories.h"
 #include "PeerFile.h"
 

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "../ItemQueue.h"
 #include "ItemMemory.h"
-#include "ItemQueue.h"
 #include "PeerFactories.h"
 #include "PeerFile.h"
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "../Job.h"
@@ -27,11 +26,5 @@ class PeerFile {
   const std::string peer_;
   int descriptor_;
 };
-
-// Throws std::runtime_error unless all bytes were moved. `moved` is a negative error number after a
-// failure.
-void CheckMoved(const std::string& peer, std::int64_t moved, std::uint64_t wanted);
-// Throws std::runtime_error if the job writes.
-void RequireReads(const std::string& peer, const Job& job);
 
 }  // namespace bench

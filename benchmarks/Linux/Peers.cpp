@@ -10,8 +10,10 @@ std::vector<Peer> GetPeers(PeerKind kind) {
       return {{"io_uring", &NewRingPeer}, {"libuv", &NewLibuvPeer}, {"Boost.Asio", &NewAsioPeer}};
     case PeerKind::kSync:
       return {{"pread, O_DIRECT", &NewPreadPeer},
-              {"libuv", &NewLibuvSyncPeer},
-              {"Boost.Asio", &NewAsioSyncPeer}};
+              {"libuv, blocking call", &NewLibuvSyncPeer},
+              {"Boost.Asio, blocking call", &NewAsioSyncPeer},
+              {"libuv", &NewLibuvPeer},
+              {"Boost.Asio", &NewAsioPeer}};
     case PeerKind::kBufferedAsync:
       return {{"io_uring, page cache", &NewBufferedRingPeer}};
     case PeerKind::kBufferedSync:

@@ -5,8 +5,8 @@
 #include <cerrno>
 
 #include "../BenchHost.h"
+#include "../ItemQueue.h"
 #include "ItemMemory.h"
-#include "ItemQueue.h"
 #include "PeerFactories.h"
 #include "PeerFile.h"
 

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "../ItemQueue.h"
 #include "ItemMemory.h"
-#include "ItemQueue.h"
 #include "PeerFactories.h"
 #include "PeerFile.h"
 

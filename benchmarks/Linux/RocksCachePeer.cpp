@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "../BenchHost.h"
+#include "../ItemQueue.h"
 #include "ItemMemory.h"
-#include "ItemQueue.h"
 #include "PeerFactories.h"
 #include "PeerFile.h"
 

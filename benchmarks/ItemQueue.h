@@ -4,11 +4,16 @@
 #include <string>
 #include <vector>
 
-#include "../Job.h"
-#include "../LatencyHistogram.h"
-#include "PeerFile.h"
+#include "Job.h"
+#include "LatencyHistogram.h"
 
 namespace bench {
+
+// Throws std::runtime_error unless all bytes were moved. `moved` is a negative error number of the
+// host after a failure.
+void CheckMoved(const std::string& peer, std::int64_t moved, std::uint64_t wanted);
+// Throws std::runtime_error if the job writes.
+void RequireReads(const std::string& peer, const Job& job);
 
 // Hands out the items of a pass to the slots of a peer that has several in flight, and sees to
 // their times and failures. After a failure it hands out no more, so that the peer ends with
@@ -31,7 +36,7 @@ class ItemQueue {
     return true;
   }
 
-  // `moved` is a negative error number after a failure.
+  // `moved` is a negative error number of the host after a failure.
   void Finish(std::size_t slot, std::int64_t moved) {
     if (latencies_) latencies_->RecordSince(starts_[slot]);
     if (!HasFailed()) moved_ = moved;

@@ -1,0 +1,9 @@
+set(ORVANE_BENCH_HOST_SOURCES
+  Win/BenchHost.cpp
+  Win/ItemMemory.cpp
+  Win/MappingPeer.cpp
+  Win/OverlappedPeer.cpp
+  Win/PeerFile.cpp
+  Win/Peers.cpp
+  Win/ReadFilePeer.cpp)
+set(ORVANE_BENCH_HOST_LIBRARIES)
