@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Uses the library for Windows as another project does: installs a build into a temporary folder,
-# builds the examples against it with the static library and with the DLL, and runs them under Wine.
+# builds the examples against it with the static library and with the DLL, and the programs that
+# SIMULATION.md prints, and runs them under Wine.
 # Usage: windows_consumer_test.sh BUILD_FOLDER
 # shellcheck source-path=SCRIPTDIR
 set -u
