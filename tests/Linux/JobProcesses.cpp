@@ -28,12 +28,11 @@ class JobProcessesLinux : public JobProcesses {
     return process <= 0;
   }
 
-  std::string HowItFailed(unsigned job) override {
+  std::string HowItEnded(unsigned job) override {
     const int status = statuses_[job];
     if (processes_[job] < 0) return "it was not started";
     if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
-    const int code = WEXITSTATUS(status);
-    return code == 0 ? std::string() : "exit code " + std::to_string(code);
+    return "exit code " + std::to_string(WEXITSTATUS(status));
   }
 
   void Kill(unsigned job) override {

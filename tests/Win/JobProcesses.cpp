@@ -28,11 +28,10 @@ class JobProcessesWin : public JobProcesses {
     return !processes_[job] || WaitForSingleObject(processes_[job], 0) == WAIT_OBJECT_0;
   }
 
-  std::string HowItFailed(unsigned job) override {
+  std::string HowItEnded(unsigned job) override {
     if (!processes_[job]) return "it was not started";
     DWORD code = 0;
     GetExitCodeProcess(processes_[job], &code);
-    if (code == 0) return std::string();
     char text[32];
     std::snprintf(text, sizeof text, code > 0xFFFF ? "exit code 0x%lX" : "exit code %lu", code);
     return text;

@@ -26,8 +26,8 @@ class JobProcesses {
   virtual void* SharedWith(unsigned job) = 0;
   // Does not wait. Also true for one that could not be started.
   virtual bool HasEnded(unsigned job) = 0;
-  // Of one that has ended: empty if all went well, else "exit code 1", "signal 11", ...
-  virtual std::string HowItFailed(unsigned job) = 0;
+  // Of one that has ended: "exit code 0" after its work, "exit code 1", "signal 11", ...
+  virtual std::string HowItEnded(unsigned job) = 0;
   virtual void Kill(unsigned job) = 0;
 
  protected:

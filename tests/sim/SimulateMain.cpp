@@ -61,6 +61,7 @@ struct Progress {
   std::atomic<std::uint64_t> scenario;
   std::atomic<std::uint64_t> failCall;
   std::atomic<bool> andAllLater;
+  std::atomic<bool> isThrough;
   std::atomic<std::uint64_t> begun;  // runs, also those that a search makes: a sign of life
 };
 
@@ -278,6 +279,7 @@ void Session::RunJob(unsigned job, unsigned jobs, Progress* progress) {
     progress->scenario = index;
     RunOne(*scenarios_[index], options_.firstSeed + k / scenarios_.size(), progress);
   }
+  progress->isThrough = true;
   if (options_.lockOrder) std::fputs(Simulator::GetLockOrder().c_str(), stdout);
 }
 
@@ -324,14 +326,14 @@ bool Session::Watch(JobProcesses* processes, const std::vector<Progress*>& progr
       const bool hangs = idle[job] > kHangSeconds * kLooksPerSecond;
       if (!ended && hangs) processes->Kill(job);
       if (!ended) return false;
-      const std::string failure = processes->HowItFailed(job);
-      if (failure.empty()) return true;
+      const std::string outcome = processes->HowItEnded(job);
+      if (progress[job]->isThrough && outcome == "exit code 0") return true;
       good = false;
       // The one it was at; what it had still to do is left undone.
       ++progress[job]->runs;
       ++progress[job]->failures;
       std::printf("FAILED: a process %s (%s) before it was through with its share, in %s\n",
-                  hangs ? "was ended, for it stood still," : "ended", failure.c_str(),
+                  hangs ? "was ended, for it stood still," : "ended", outcome.c_str(),
                   CommandAtEnd(*progress[job]).c_str());
       return true;
     });
