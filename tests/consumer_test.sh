@@ -9,6 +9,7 @@ build=$(realpath "$1")
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 root=$(dirname "$here")
 . "$here/shell_checks.sh"
+. "$here/simulation_programs.sh"
 
 work=$(mktemp -d "${TMPDIR:-/var/tmp}/orvane-consumer.XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -144,18 +145,7 @@ readme() { # compiler
 simulator() {
   local folder=$work/simulator output
   mkdir -p "$folder"
-  awk '/^```/ { file = $0 == "```" ? "" : "simulation" ++count "." substr($0, 4); next }
-       file { print >file }' "$root/docs/SIMULATION.md"
-  mv simulation1.cpp "$folder/wrong.cpp"
-  awk 'FNR == NR { right = right $0 "\n"; next } /\/\/ wrong:/ { printf "%s", right; next } { print }' \
-    simulation2.cpp "$folder/wrong.cpp" >"$folder/right.cpp"
-  check 'SIMULATION.md: one line is corrected' test \
-    "$(diff "$folder/wrong.cpp" "$folder/right.cpp" | grep -c '^[<>]')" = 2
-  {
-    printf 'cmake_minimum_required(VERSION 3.25)\nproject(Player LANGUAGES CXX)\n'
-    sed 's/player_test/wrong/g' simulation3.cmake
-    sed 's/player_test/right/g' simulation3.cmake
-  } >"$folder/CMakeLists.txt"
+  simulation_programs "$root/docs/SIMULATION.md" "$folder"
   check 'SIMULATION.md: configure' cmake -S "$folder" -B "$folder/build" -G Ninja \
     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_CXX_FLAGS='-Wall -Wextra -Wpedantic -Werror'

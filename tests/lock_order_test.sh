@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Compares the order in which simulated runs enter the locks of the library with the table of locks in
 # docs/ARCHITECTURE.md: each pair is allowed by the table, and each class of the table is met.
-# Usage: lock_order_test.sh ORVANE_SIMULATE SEEDS
+# Usage: lock_order_test.sh ORVANE_SIMULATE SEEDS [LAUNCHER]
+# With a LAUNCHER, which runs the program of another system.
 # shellcheck source-path=SCRIPTDIR
 set -u
-program=$(realpath "$1")
+program=("$(realpath "$1")")
+[ $# = 2 ] || program=("$(realpath "$3")" "${program[@]}")
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 . "$here/shell_checks.sh"
 
@@ -25,9 +27,9 @@ awk -F ' *[|] *' '
   }' "$here/../docs/ARCHITECTURE.md" >table
 
 check 'the table can be read' test "$(grep -c '^[1-9]' table)" -ge 5
-"$program" --lock-order --seeds "$2" >order
+"${program[@]}" --lock-order --seeds "$2" >order
 check 'the simulator runs' test $? = 0
-grep -E '^[a-z-]+( [a-z-]+)*( -> .*)?$' order | sed 's/ -> /->/; s/ /_/g; s/->/ /' >seen
+tr -d '\r' <order | grep -E '^[a-z-]+( [a-z-]+)*( -> .*)?$' | sed 's/ -> /->/; s/ /_/g; s/->/ /' >seen
 
 # "ok" or "not ok" and what it is about, one line each.
 awk '

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Uses the library for Windows as another project does: installs a build into a temporary folder,
-# builds the examples against it with the static library and with the DLL, and runs them under Wine.
+# builds the examples against it with the static library and with the DLL, and the programs that
+# SIMULATION.md prints, and runs them under Wine.
 # Usage: windows_consumer_test.sh BUILD_FOLDER
 # shellcheck source-path=SCRIPTDIR
 set -u
@@ -8,6 +9,7 @@ build=$(realpath "$1")
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 root=$(dirname "$here")
 . "$here/shell_checks.sh"
+. "$here/simulation_programs.sh"
 
 work=$(mktemp -d "${TMPDIR:-/var/tmp}/orvane-windows.XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -48,4 +50,27 @@ for kind in static shared; do
     runs "$kind: $program runs" "$folder/$program.exe"
   done
 done
+
+# The program of docs/SIMULATION.md finds its mistake; with the line that the page prints it has none.
+simulator() {
+  local folder=$work/simulator output
+  mkdir -p "$folder"
+  simulation_programs "$root/docs/SIMULATION.md" "$folder"
+  check 'SIMULATION.md: configure' cmake -S "$folder" -B "$folder/build" -G Ninja \
+    -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/mingw-w64.cmake" \
+    -DCMAKE_FIND_ROOT_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_CXX_FLAGS='-Wall -Wextra -Wpedantic -Werror'
+  check 'SIMULATION.md: the program compiles as printed' cmake --build "$folder/build"
+  output=$("$root/scripts/wine" "$folder/build/wrong.exe" 2>&1)
+  equal 'SIMULATION.md: the program finds its mistake' 1 $?
+  contains 'SIMULATION.md: ... and says which' ' shows ' "$output"
+  output=$("$root/scripts/wine" "$folder/build/right.exe" 2>&1)
+  equal 'SIMULATION.md: the corrected program has none' 0 $?
+  contains 'SIMULATION.md: ... in all runs' 'nothing found in 1000 runs' "$output"
+}
+if [ -n "$(find "$prefix" -name OrvaneSimulatorTargets.cmake)" ]; then
+  simulator
+else
+  skip 'the simulator' 'it was left out of the build'
+fi
 finish

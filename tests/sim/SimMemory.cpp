@@ -1,10 +1,9 @@
 #include "SimMemory.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstring>
 
+#include "HostPages.h"
 #include "OrvaneSimulator.h"
 
 namespace Orvane {
@@ -17,9 +16,7 @@ constexpr unsigned char kBefore = 0xB7;
 constexpr unsigned char kAfter = 0xEE;
 
 unsigned char* GetPool() {
-  static auto* const pool =
-      static_cast<unsigned char*>(mmap(nullptr, kPoolBytes, PROT_READ | PROT_WRITE,
-                                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+  static auto* const pool = NewHostPages(kPoolBytes);
   return pool;
 }
 
@@ -34,7 +31,7 @@ bool IsAll(const unsigned char* from, const unsigned char* to, unsigned char val
 
 // A run that failed has left what it forbade.
 void SimMemory::Reset() {
-  if (somethingIsForbidden) mprotect(GetPool(), usedOfPool, PROT_READ | PROT_WRITE);
+  if (somethingIsForbidden) AllowHostPages(GetPool(), usedOfPool);
   somethingIsForbidden = false;
   usedOfPool = 0;
 }
@@ -62,9 +59,7 @@ SimMemory::SimMemory(std::uint64_t size, std::size_t pieces, bool whole) {
 
 SimMemory::~SimMemory() {
   if (!forbidden_) return;
-  for (const Stretch& stretch : stretches_) {
-    mprotect(stretch.begin, stretch.bytes, PROT_READ | PROT_WRITE);
-  }
+  for (const Stretch& stretch : stretches_) AllowHostPages(stretch.begin, stretch.bytes);
 }
 
 std::vector<unsigned char> SimMemory::Gather(std::uint64_t size) const {
@@ -102,15 +97,13 @@ void SimMemory::LetGo(Afterwards afterwards) {
   forbidden_ = afterwards == Afterwards::kForbid;
   if (!forbidden_) return;
   somethingIsForbidden = true;
-  for (const Stretch& stretch : stretches_) mprotect(stretch.begin, stretch.bytes, PROT_NONE);
+  for (const Stretch& stretch : stretches_) ForbidHostPages(stretch.begin, stretch.bytes);
 }
 
 bool SimMemory::IsUntouched() const {
   if (!letGo_) return true;
   if (forbidden_) {
-    for (const Stretch& stretch : stretches_) {
-      mprotect(stretch.begin, stretch.bytes, PROT_READ | PROT_WRITE);
-    }
+    for (const Stretch& stretch : stretches_) AllowHostPages(stretch.begin, stretch.bytes);
     forbidden_ = false;
   }
   return IsIntactAround() && std::all_of(pieces_.begin(), pieces_.end(), [](const auto& piece) {

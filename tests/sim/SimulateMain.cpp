@@ -1,19 +1,18 @@
 // orvane_simulate: runs scenarios of the library under seeded schedules. See --help.
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <map>
+#include <memory>
+#include <numeric>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "JobProcesses.h"
 #include "OrvaneSimulator.h"
 #include "OrvaneSimulatorNew.h"
 #include "Scenario.h"
@@ -47,6 +46,7 @@ struct Options {
   bool trace = false;
   bool list = false;
   bool lockOrder = false;
+  bool hash = false;
   std::vector<std::pair<std::uint64_t, std::uint32_t>> switches;
 };
 
@@ -56,10 +56,12 @@ struct Progress {
   std::atomic<std::uint64_t> steps;
   std::atomic<std::uint64_t> faults;
   std::atomic<std::uint64_t> failures;
+  std::atomic<std::uint64_t> traceHashes;  // their sum: runs have no order
   std::atomic<std::uint64_t> seed;
   std::atomic<std::uint64_t> scenario;
   std::atomic<std::uint64_t> failCall;
   std::atomic<bool> andAllLater;
+  std::atomic<bool> isThrough;
   std::atomic<std::uint64_t> begun;  // runs, also those that a search makes: a sign of life
 };
 
@@ -111,8 +113,8 @@ class Session {
                          Progress* progress);
   void Report(const Scenario& scenario, const SimulationSetup& setup,
               const SimulationResult& result, Progress* progress);
-  bool Watch(std::vector<pid_t> children, Progress* progress);
-  void PrintTotals(const Progress* progress, unsigned jobs, double seconds) const;
+  bool Watch(JobProcesses* processes, const std::vector<Progress*>& progress) const;
+  void PrintTotals(const std::vector<Progress*>& progress, double seconds) const;
 
   const Options options_;
   const std::vector<const Scenario*> scenarios_;
@@ -170,6 +172,7 @@ SimulationResult Session::Check(const Scenario& scenario, const SimulationSetup&
   ++progress->runs;
   progress->steps += result.steps;
   progress->faults += result.faults;
+  progress->traceHashes += result.traceHash;
   if (!result.ok) Report(scenario, setup, result, progress);
   return result;
 }
@@ -276,13 +279,14 @@ void Session::RunJob(unsigned job, unsigned jobs, Progress* progress) {
     progress->scenario = index;
     RunOne(*scenarios_[index], options_.firstSeed + k / scenarios_.size(), progress);
   }
+  progress->isThrough = true;
   if (options_.lockOrder) std::fputs(Simulator::GetLockOrder().c_str(), stdout);
 }
 
 unsigned Session::Jobs() const {
   if (options_.lockOrder || options_.trace || options_.mode == Mode::kMinimise) return 1;
   if (options_.jobs != 0) return options_.jobs;
-  return static_cast<unsigned>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)));
+  return std::max(1U, std::thread::hardware_concurrency());
 }
 
 // What a process did last that has ended in the middle of it.
@@ -303,60 +307,60 @@ std::string Session::CommandAtEnd(const Progress& progress) const {
   return command;
 }
 
-// "signal 11", "exit code 1".
-std::string TextOfStatus(int status) {
-  return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
-                             : "exit code " + std::to_string(WEXITSTATUS(status));
-}
-
 // A world that goes wrong may end its process, or keep it for ever.
-bool Session::Watch(std::vector<pid_t> children, Progress* progress) {
+bool Session::Watch(JobProcesses* processes, const std::vector<Progress*>& progress) const {
   constexpr int kHangSeconds = 180;
   constexpr int kLooksPerSecond = 50;
   bool good = true;
-  std::vector<std::uint64_t> seen(children.size());
-  std::vector<int> idle(children.size());
-  for (std::size_t left = children.size(); left > 0; usleep(1000000 / kLooksPerSecond)) {
-    for (std::size_t k = 0; k < children.size(); ++k) {
-      if (children[k] == 0) continue;
-      int status = 0;
-      const bool ended = waitpid(children[k], &status, WNOHANG) == children[k];
-      const std::uint64_t now = progress[k].begun;
-      idle[k] = now == seen[k] ? idle[k] + 1 : 0;
-      seen[k] = now;
-      if (!ended && idle[k] > kHangSeconds * kLooksPerSecond) kill(children[k], SIGKILL);
-      if (!ended) continue;
-      children[k] = 0;
-      --left;
-      if (WIFEXITED(status) && WEXITSTATUS(status) == 0) continue;
+  std::vector<std::uint64_t> seen(progress.size());
+  std::vector<int> idle(progress.size());
+  std::vector<unsigned> left(progress.size());
+  std::iota(left.begin(), left.end(), 0U);
+  while (!left.empty()) {
+    std::this_thread::sleep_for(std::chrono::microseconds(1000000 / kLooksPerSecond));
+    std::erase_if(left, [&](unsigned job) {
+      const bool ended = processes->HasEnded(job);
+      const std::uint64_t now = progress[job]->begun;
+      idle[job] = now == seen[job] ? idle[job] + 1 : 0;
+      seen[job] = now;
+      const bool hangs = idle[job] > kHangSeconds * kLooksPerSecond;
+      if (!ended && hangs) processes->Kill(job);
+      if (!ended) return false;
+      const std::string outcome = processes->HowItEnded(job);
+      if (progress[job]->isThrough && outcome == "exit code 0") return true;
       good = false;
       // The one it was at; what it had still to do is left undone.
-      ++progress[k].runs;
-      ++progress[k].failures;
-      const bool hung = idle[k] > kHangSeconds * kLooksPerSecond;
+      ++progress[job]->runs;
+      ++progress[job]->failures;
       std::printf("FAILED: a process %s (%s) before it was through with its share, in %s\n",
-                  hung ? "was ended, for it stood still," : "ended", TextOfStatus(status).c_str(),
-                  CommandAtEnd(progress[k]).c_str());
-    }
+                  hangs ? "was ended, for it stood still," : "ended", outcome.c_str(),
+                  CommandAtEnd(*progress[job]).c_str());
+      return true;
+    });
   }
   return good;
 }
 
-void Session::PrintTotals(const Progress* progress, unsigned jobs, double seconds) const {
+void Session::PrintTotals(const std::vector<Progress*>& progress, double seconds) const {
   std::uint64_t runs = 0;
   std::uint64_t steps = 0;
   std::uint64_t faults = 0;
   std::uint64_t failures = 0;
-  for (unsigned k = 0; k < jobs; ++k) {
-    runs += progress[k].runs;
-    steps += progress[k].steps;
-    faults += progress[k].faults;
-    failures += progress[k].failures;
+  std::uint64_t traceHashes = 0;
+  for (const Progress* const of : progress) {
+    runs += of->runs;
+    steps += of->steps;
+    faults += of->faults;
+    failures += of->failures;
+    traceHashes += of->traceHashes;
   }
   std::printf("%zu scenarios, %llu schedules, %llu steps, %llu faults, %.0f s, %.0f schedules/s\n",
               scenarios_.size(), static_cast<unsigned long long>(runs),
               static_cast<unsigned long long>(steps), static_cast<unsigned long long>(faults),
               seconds, static_cast<double>(runs) / std::max(seconds, 0.001));
+  if (options_.hash) {
+    std::printf("traces %016llx\n", static_cast<unsigned long long>(traceHashes));
+  }
   if (runs == 0) std::printf("nothing was run\n");
   std::printf("%llu passed, %llu failed\n",
               static_cast<unsigned long long>(runs - std::min(runs, failures)),
@@ -365,34 +369,32 @@ void Session::PrintTotals(const Progress* progress, unsigned jobs, double second
 
 int Session::Run() {
   const unsigned jobs = Jobs();
-  auto* const progress = static_cast<Progress*>(mmap(
-      nullptr, sizeof(Progress) * jobs, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  if (progress == MAP_FAILED) return 2;
   const auto start = std::chrono::steady_clock::now();
-  std::fflush(stdout);
   bool good = true;
+  Progress own{};
+  std::vector<Progress*> progress;
+  std::unique_ptr<JobProcesses> processes;
   if (options_.carrier == SimulatedCarrier::kThreads && jobs == 1) {
     // For debuggers: nobody watches.
-    RunJob(0, 1, progress);
+    RunJob(0, 1, &own);
+    progress.push_back(&own);
   } else {
-    std::vector<pid_t> children;
+    processes =
+        JobProcesses::Start(jobs, sizeof(Progress), [this, jobs](unsigned job, void* shared) {
+          RunJob(job, jobs, static_cast<Progress*>(shared));
+        });
+    if (!processes) return 2;
     for (unsigned job = 0; job < jobs; ++job) {
-      const pid_t child = fork();
-      if (child == 0) {
-        RunJob(job, jobs, &progress[job]);
-        std::fflush(stdout);
-        _exit(0);
-      }
-      children.push_back(child);
+      progress.push_back(static_cast<Progress*>(processes->SharedWith(job)));
     }
-    good = Watch(std::move(children), progress);
+    good = Watch(processes.get(), progress);
   }
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  PrintTotals(progress, jobs, took.count());
+  PrintTotals(progress, took.count());
   std::uint64_t runs = 0;
-  for (unsigned k = 0; k < jobs; ++k) {
-    good = good && progress[k].failures == 0;
-    runs += progress[k].runs;
+  for (const Progress* const of : progress) {
+    good = good && of->failures == 0;
+    runs += of->runs;
   }
   return good && runs != 0 ? 0 : 1;
 }
@@ -437,6 +439,8 @@ void AddOptions(CLI::App* app, Options* options) {
   app->add_option("--preemptions", options->preemptions, "For all-schedules (2)");
   app->add_option("--max-runs", options->maxRuns, "For all-schedules, per scenario");
   app->add_flag("--trace", options->trace, "Print every step to standard error");
+  app->add_flag("--hash", options->hash,
+                "Print a hash of all traces, the same on every host and with any number of jobs");
   app->add_flag("--lock-order", options->lockOrder, "Print which locks were entered inside which");
 }
 

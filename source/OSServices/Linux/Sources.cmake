@@ -10,6 +10,10 @@ list(APPEND ORVANE_SOURCES
   OSServices/Linux/NativeFileSourceLinux.cpp
   OSServices/Linux/NativeFileSysInterfaceImpLinux.cpp
   OSServices/Linux/PhysMemInterfaceImpLinux.cpp)
+list(APPEND ORVANE_SIMULATOR_SOURCES
+  OSServices/Linux/SimFiberLinux.cpp
+  OSServices/Linux/SimGateLinux.cpp
+  OSServices/Linux/SimSpaceLinux.cpp)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(liburing REQUIRED IMPORTED_TARGET liburing)
 find_package(Threads REQUIRED)

@@ -1,5 +1,3 @@
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <bitset>
 #include <cstring>
@@ -10,17 +8,21 @@
 #include "OSServices/Sim/HostSim.h"
 #include "OSServices/Sim/SimPages.h"
 #include "OSServices/Sim/SimSanitizers.h"
+#include "OSServices/Sim/SimSpace.h"
 #include "OSServices/Sim/SimWorld.h"
 
 namespace Orvane {
 namespace {
 
 constexpr std::size_t kPagesOfWorld = std::size_t{1} << 16;
+constexpr std::size_t kPagesAtATime = 256;  // made usable
+constexpr std::uint64_t kWantedPlace = std::uint64_t{1} << 45;
 constexpr int kUnwritten = 0xDB;
 
 struct Pages {
   unsigned char* base = nullptr;
-  std::size_t used = 0;  // pages, of this world
+  std::size_t usable = 0;  // pages, from the first on
+  std::size_t used = 0;    // of this world
   std::bitset<kPagesOfWorld> givenBack;
 };
 
@@ -29,12 +31,18 @@ Pages& GetPages() {
   return *pages;
 }
 
-bool Reserve(Pages* pages) {
-  if (pages->base) return true;
-  void* const memory = mmap(nullptr, kPagesOfWorld * SimPages::kPageBytes, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (memory == MAP_FAILED) return false;
-  pages->base = static_cast<unsigned char*>(memory);
+// Makes the first so many pages usable.
+bool Use(Pages* pages, std::size_t count) {
+  if (count <= pages->usable) return true;
+  if (!pages->base)
+    pages->base = ReserveSimSpace(kWantedPlace, kPagesOfWorld * SimPages::kPageBytes);
+  if (!pages->base) return false;
+  const std::size_t usable = (count + kPagesAtATime - 1) / kPagesAtATime * kPagesAtATime;
+  if (!UseSimSpace(pages->base + pages->usable * SimPages::kPageBytes,
+                   (usable - pages->usable) * SimPages::kPageBytes)) {
+    return false;
+  }
+  pages->usable = usable;
   return true;
 }
 
@@ -73,7 +81,8 @@ void* SimPages::Map(std::size_t size) {
   Pages& pages = GetPages();
   const std::size_t count = size / kPageBytes;
   // One page stays out of use behind each stretch.
-  if (!Reserve(&pages) || count + 1 > kPagesOfWorld - pages.used) return nullptr;
+  if (count + 1 > kPagesOfWorld - pages.used || !Use(&pages, pages.used + count + 1))
+    return nullptr;
   unsigned char* const memory = pages.base + pages.used * kPageBytes;
   SimUnpoison(memory, size + kPageBytes);
   std::memset(memory, kUnwritten, size + kPageBytes);

@@ -1,53 +1,24 @@
 // Each thread of a world on a thread of the host.
-#include <linux/futex.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <atomic>
 #include <thread>
 #include <vector>
 
 #include "OSServices/Sim/SimCarrier.h"
+#include "OSServices/Sim/SimGate.h"
 #include "OSServices/Sim/SimSanitizers.h"
 
 namespace Orvane {
 namespace {
 
 #if defined(ORVANE_SIM_TSAN)
-// Control changes hands unseen; the simulated primitives say what is ordered.
-constexpr std::memory_order kTake = std::memory_order_relaxed;
-constexpr std::memory_order kGive = std::memory_order_relaxed;
 // What one thread of a world has done is not ordered before what the next one does.
 constexpr bool kRunnersAreKept = false;
 #else
-constexpr std::memory_order kTake = std::memory_order_acquire;
-constexpr std::memory_order kGive = std::memory_order_release;
 constexpr bool kRunnersAreKept = true;
 #endif
 
-// Waits for control.
-class Gate {
- public:
-  void Give() {
-    asm volatile("" ::: "memory");
-    open_.store(1, kGive);
-    syscall(SYS_futex, &open_, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-  }
-  void Take() {
-    while (open_.load(kTake) == 0) {
-      syscall(SYS_futex, &open_, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
-    }
-    open_.store(0, std::memory_order_relaxed);
-    asm volatile("" ::: "memory");
-  }
-
- private:
-  std::atomic<std::uint32_t> open_{0};
-};
-
 // A thread of the host, kept for the next thread of a world when it has ended one.
 struct Runner {
-  Gate gate;
+  const std::unique_ptr<SimGate> gate = NewSimGate();
   SimThread* thread = nullptr;
 };
 
@@ -63,7 +34,7 @@ class ThreadCarrier : public SimCarrier {
   static Runner* RunnerOf(SimThread* thread) { return static_cast<Runner*>(thread->context); }
 
   const Entry entry_;
-  Gate root_;
+  const std::unique_ptr<SimGate> root_ = NewSimGate();
   std::vector<Runner*> idle_;
 };
 
@@ -84,7 +55,7 @@ void ThreadCarrier::Prepare(SimThread* thread) {
 void ThreadCarrier::RunnerMain(Runner* runner) {
   SimIgnoreBegin();
   do {
-    runner->gate.Take();
+    runner->gate->Take();
     entry_(runner->thread);
   } while (kRunnersAreKept);
   delete runner;
@@ -94,8 +65,8 @@ void ThreadCarrier::RunnerMain(Runner* runner) {
 void ThreadCarrier::Switch(SimThread* from, SimThread* to) {
   const bool ends = from && from->finished;
   if (ends && kRunnersAreKept) idle_.push_back(RunnerOf(from));
-  Gate& mine = from ? RunnerOf(from)->gate : root_;
-  (to ? RunnerOf(to)->gate : root_).Give();
+  SimGate& mine = from ? *RunnerOf(from)->gate : *root_;
+  (to ? *RunnerOf(to)->gate : *root_).Give();
   if (!ends) mine.Take();
 }
 

@@ -9,4 +9,8 @@ list(APPEND ORVANE_SOURCES
   OSServices/Win/NativeFileSourceWin.cpp
   OSServices/Win/NativeFileSysInterfaceImpWin.cpp
   OSServices/Win/PhysMemInterfaceImpWin.cpp)
+list(APPEND ORVANE_SIMULATOR_SOURCES
+  OSServices/Win/SimFiberWin.cpp
+  OSServices/Win/SimGateWin.cpp
+  OSServices/Win/SimSpaceWin.cpp)
 set(ORVANE_HOST_LIBRARIES)
