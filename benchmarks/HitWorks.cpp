@@ -27,8 +27,7 @@ struct HitAims {
 
 Work HitWork(const TestFile& file, std::uint64_t workingSet, const HitAims& aims) {
   Job job{file.GetName(), aims.readBytes};
-  job.offsets = RandomOffsets(workingSet, aims.readBytes,
-                              std::max<std::size_t>(16 * kMiB / aims.readBytes, 64));
+  job.offsets = ShuffledOffsets(workingSet, aims.readBytes);
   Work work{
       "hits of " + SizeText(aims.readBytes) + " in " + SizeText(workingSet) + ", one at a time",
       "reads",
@@ -54,7 +53,7 @@ Work HitWork(const TestFile& file, std::uint64_t workingSet, const HitAims& aims
 
 Work AsyncHitWork(const TestFile& file, std::uint64_t workingSet) {
   Job job{file.GetName(), 4 * kKiB, 61};
-  job.offsets = RandomOffsets(workingSet, job.itemBytes, 16384);
+  job.offsets = ShuffledOffsets(workingSet, job.itemBytes);
   Work work{"hits of 4 KiB in " + SizeText(workingSet) + ", 61 in flight",
             "reads",
             job.offsets.size(),
@@ -74,7 +73,8 @@ Work BlockCacheWork(const TestFile& file, std::uint64_t blockBytes, bool half) {
   const std::uint64_t workingSet = 128 * kMiB;
   const std::uint64_t cacheBytes = half ? workingSet / 2 : workingSet;
   Job job{file.GetName(), blockBytes};
-  job.offsets = RandomOffsets(workingSet, blockBytes, half ? 5000 : 16 * kMiB / blockBytes);
+  job.offsets =
+      half ? RandomOffsets(workingSet, blockBytes, 5000) : ShuffledOffsets(workingSet, blockBytes);
   Work work{"blocks of " + SizeText(blockBytes) + (half ? ", half of them hits" : ", all hits") +
                 ", one at a time",
             "reads",
@@ -97,7 +97,7 @@ Work BlockCacheWork(const TestFile& file, std::uint64_t blockBytes, bool half) {
 Work ThreadWork(const TestFile& file, std::uint64_t readBytes) {
   const std::uint64_t workingSet = 64 * kMiB;
   Job job{file.GetName(), readBytes};
-  job.offsets = RandomOffsets(workingSet, readBytes, 32 * kMiB / readBytes);
+  job.offsets = ShuffledOffsets(workingSet, readBytes);
   const CachedJob ours = Loaded(job, workingSet, 64 * kKiB);
   Work work{"hits of " + SizeText(readBytes) + " by several threads",
             "reads",

@@ -27,9 +27,11 @@ struct CacheShape {
   std::uint64_t Bytes() const { return blockBytes * blocks; }
 };
 
-// Offsets of whole items: `count` random ones, the same for every peer, or all in order.
+// Offsets of whole items: `count` random ones, the same for every peer; each once, in random order;
+// all in order.
 std::vector<std::uint64_t> RandomOffsets(std::uint64_t fileBytes, std::uint64_t itemBytes,
                                          std::size_t count);
+std::vector<std::uint64_t> ShuffledOffsets(std::uint64_t fileBytes, std::uint64_t itemBytes);
 std::vector<std::uint64_t> SequentialOffsets(std::uint64_t fileBytes, std::uint64_t itemBytes);
 
 }  // namespace bench

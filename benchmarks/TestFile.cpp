@@ -48,6 +48,12 @@ std::vector<std::uint64_t> RandomOffsets(std::uint64_t fileBytes, std::uint64_t 
   return offsets;
 }
 
+std::vector<std::uint64_t> ShuffledOffsets(std::uint64_t fileBytes, std::uint64_t itemBytes) {
+  std::vector<std::uint64_t> offsets = SequentialOffsets(fileBytes, itemBytes);
+  std::shuffle(offsets.begin(), offsets.end(), std::mt19937_64(7));
+  return offsets;
+}
+
 std::vector<std::uint64_t> SequentialOffsets(std::uint64_t fileBytes, std::uint64_t itemBytes) {
   std::vector<std::uint64_t> offsets;
   for (std::uint64_t at = 0; at + itemBytes <= fileBytes; at += itemBytes) offsets.push_back(at);
