@@ -29,9 +29,11 @@ class FilledCache {
     Drop(cache_);
     Blocks memory(kBlock * kChunk, 1, 1);
     Orvane::BufferList* const list = memory.NewList();
+    source_->FillBuffers(true);
     for (std::size_t k = 0; k < blocks; k += kChunk) {
       source_->ReadWithList(k * kBlock, list, nullptr);
     }
+    source_->FillBuffers(false);
     Drop(list);
   }
   ~FilledCache() {

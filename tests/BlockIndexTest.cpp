@@ -15,32 +15,34 @@ class BlockIndexTest : public OrvaneTest {
   void MakeBlocks(std::size_t count) {
     blocks_.clear();
     for (std::size_t k = 0; k < count; ++k) {
-      blocks_.push_back(std::make_unique<CacheBlock>(nullptr, nullptr, buffer_));
+      blocks_.push_back(std::make_unique<CacheBlock>(group_.get(), buffer_));
     }
   }
   CacheBlock* Block(std::size_t k) { return blocks_[k].get(); }
   void TearDown() override {
     blocks_.clear();
+    group_.reset();
     buffer_.Release();
     OrvaneTest::TearDown();
   }
 
   AutoRelease<HeapBuffer> buffer_{new HeapBuffer(16)};
+  std::unique_ptr<BlockGroup> group_{new BlockGroup(nullptr, nullptr)};
   std::vector<std::unique_ptr<CacheBlock>> blocks_;
   BlockIndex index_;
 };
 
 TEST_F(BlockIndexTest, NothingIsFoundInAnEmptyIndex) {
   EXPECT_EQ(nullptr, index_.Find(1, 0));
-  index_.Reserve(0);
+  index_.Reserve(0, kStep);
   EXPECT_EQ(nullptr, index_.Find(1, 0));
-  index_.Reserve(8);
+  index_.Reserve(8, kStep);
   EXPECT_EQ(nullptr, index_.Find(1, 0));
 }
 
 TEST_F(BlockIndexTest, FindsWhatWasInsertedUntilItIsRemoved) {
   MakeBlocks(1);
-  index_.Reserve(1);
+  index_.Reserve(1, kStep);
   index_.Insert(Block(0), 7, 3 * kStep);
   EXPECT_EQ(Block(0), index_.Find(7, 3 * kStep));
   index_.Remove(Block(0));
@@ -53,7 +55,7 @@ TEST_F(BlockIndexTest, FindsWhatWasInsertedUntilItIsRemoved) {
 
 TEST_F(BlockIndexTest, KeyAndOffsetMustBothAgree) {
   MakeBlocks(4);
-  index_.Reserve(4);
+  index_.Reserve(4, kStep);
   index_.Insert(Block(0), 1, 0);
   index_.Insert(Block(1), 2, 0);
   index_.Insert(Block(2), 1, kStep);
@@ -67,7 +69,7 @@ TEST_F(BlockIndexTest, KeyAndOffsetMustBothAgree) {
 
 TEST_F(BlockIndexTest, RemovingABlockThatIsNotInTheIndexDoesNothing) {
   MakeBlocks(2);
-  index_.Reserve(2);
+  index_.Reserve(2, kStep);
   index_.Insert(Block(0), 1, 0);
   index_.Remove(Block(1));
   index_.Remove(Block(0));
@@ -79,7 +81,7 @@ TEST_F(BlockIndexTest, RemovingABlockThatIsNotInTheIndexDoesNothing) {
 TEST_F(BlockIndexTest, BlocksOfOneChainComeAndGoAlone) {
   constexpr std::size_t kCount = 32;
   MakeBlocks(kCount);
-  index_.Reserve(1);
+  index_.Reserve(1, kStep);
   for (std::size_t k = 0; k < kCount; ++k) index_.Insert(Block(k), 5, k * kStep);
   // From the middle, the front and the back of the chains.
   for (std::size_t k = 0; k < kCount; k += 3) index_.Remove(Block(k));
@@ -96,7 +98,7 @@ TEST_F(BlockIndexTest, TakesOffsetsAndKeysUpToTheLast) {
   constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max() - kStep + 1;
   constexpr std::uint32_t kLastKey = std::numeric_limits<std::uint32_t>::max();
   MakeBlocks(2);
-  index_.Reserve(2);
+  index_.Reserve(2, kStep);
   index_.Insert(Block(0), kLastKey, kLast);
   index_.Insert(Block(1), kLastKey, 0);
   EXPECT_EQ(Block(0), index_.Find(kLastKey, kLast));
@@ -107,7 +109,7 @@ TEST_F(BlockIndexTest, TakesOffsetsAndKeysUpToTheLast) {
 TEST_F(BlockIndexTest, AllocatesOnlyInReserve) {
   MakeBlocks(64);
   const std::size_t before = AllocationCounter::Count();
-  index_.Reserve(64);
+  index_.Reserve(64, kStep);
   EXPECT_EQ(before + 1, AllocationCounter::Count());
   for (std::size_t k = 0; k < 64; ++k) index_.Insert(Block(k), 1, k * kStep);
   for (std::size_t k = 0; k < 64; ++k) index_.Remove(Block(k));
@@ -123,13 +125,14 @@ TEST_F(BlockIndexTest, LookUpsDoNotSlowDownAsTheIndexGrows) {
     std::uint32_t keyStep;
     std::uint64_t offsetStep;
   };
-  for (const Layout layout : {Layout{0, kStep}, Layout{1, 0}, Layout{0, std::uint64_t{1} << 32},
-                              Layout{1, std::uint64_t{1} << 40}}) {
+  for (const Layout layout :
+       {Layout{0, kStep}, Layout{1, 0}, Layout{0, 64 * kStep}, Layout{0, std::uint64_t{1} << 32},
+        Layout{1, std::uint64_t{1} << 40}}) {
     const auto work = [&](std::size_t count) {
       const auto key = [&](std::size_t k) {
         return static_cast<std::uint32_t>(1 + k * layout.keyStep);
       };
-      index_.Reserve(count);
+      index_.Reserve(count, kStep);
       for (std::size_t k = 0; k < count; ++k) {
         index_.Insert(Block(k), key(k), k * layout.offsetStep);
       }

@@ -19,6 +19,7 @@ class CacheBlockTest : public BlockFixture {
  protected:
   void TearDown() override {
     block_.reset();
+    group_.reset();
     buffer_.Release();
     BlockFixture::TearDown();
   }
@@ -64,7 +65,8 @@ class CacheBlockTest : public BlockFixture {
   const std::string contents_ = MemorySource::Pattern(4 * kBlock);
   MemorySource* source_ = MakeSource(contents_);
   AutoRelease<HeapBuffer> buffer_{new HeapBuffer(kBlock)};
-  std::unique_ptr<CacheBlock> block_{new CacheBlock(nullptr, nullptr, buffer_)};
+  std::unique_ptr<BlockGroup> group_{new BlockGroup(nullptr, nullptr)};
+  std::unique_ptr<CacheBlock> block_{new CacheBlock(group_.get(), buffer_)};
 };
 
 // The states.
@@ -546,7 +548,7 @@ TEST_F(CacheBlockTest, EndOfTheDataIsToldTheSameInWhateverOrderBlocksFinish) {
     std::array<std::unique_ptr<AutoRelease<HeapBuffer>>, 3> buffers;
     for (std::size_t k = 0; k < 3; ++k) {
       buffers[k] = std::make_unique<AutoRelease<HeapBuffer>>(new HeapBuffer(kBlock));
-      blocks[k] = std::make_unique<CacheBlock>(nullptr, nullptr, *buffers[k]);
+      blocks[k] = std::make_unique<CacheBlock>(group_.get(), *buffers[k]);
       ASSERT_TRUE(blocks[k]->LockForReadInto(reader));
       PutBytes(blocks[k].get(), contents_);
     }
@@ -645,7 +647,7 @@ TEST_F(CacheBlockTest, ReaderWhoseMemoryDoesNotLockFailsAndLetsGoOfTheBlock) {
 
 TEST_F(CacheBlockTest, BlockWhoseMemoryDoesNotLockFailsItsReaders) {
   AutoRelease<StubbornBuffer> buffer(new StubbornBuffer(kBlock));
-  CacheBlock block(nullptr, nullptr, buffer);
+  CacheBlock block(group_.get(), buffer);
   Reader reader(source_, 0, kBlock);
   ASSERT_TRUE(block.LockForReadInto(reader));
   EXPECT_TRUE(block.CompleteReadInto(kBlock, CacheSource::kResultOK));

@@ -14,7 +14,8 @@ TEST_F(CacheTwoSourcesTest, AStaleCopyThatIsCancelledLeavesTheNewOwnerOfItsBlock
   Target served(kBlock);
   Target waiting(kBlock);
   const AutoRelease<Buffer> buffer(new HeapBuffer(kBlock));
-  CacheBlock block(nullptr, nullptr, buffer);
+  BlockGroup group(nullptr, nullptr);
+  CacheBlock block(&group, buffer);
   const AutoRelease<CacheTransaction> first(
       new CacheTransaction(before, 0, served.GetList(), nullptr, CacheSource::kDueASAP));
   const AutoRelease<CacheTransaction> second(

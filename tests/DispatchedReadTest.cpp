@@ -45,6 +45,7 @@ class DispatchedReadTest : public OrvaneTest {
       if (place.isLent) factory_->ReturnBufferToFactory(place.buffer);
     }
     places_.clear();
+    group_.reset();
     requests_.clear();
     if (source_) source_->DecRef("tests", "Orvane::DispatchedReadTest::TearDown", 0);
     EXPECT_EQ(0u, factory_->GetNumberOfBuffersInUse());
@@ -57,7 +58,7 @@ class DispatchedReadTest : public OrvaneTest {
     return FillBuffer(factory_->GetBufferFromFactory(), offset, /*isLent=*/true);
   }
   CacheBlock* FillBuffer(Buffer* buffer, std::uint64_t offset, bool isLent) {
-    places_.push_back({std::make_unique<CacheBlock>(nullptr, nullptr, buffer), buffer, isLent});
+    places_.push_back({std::make_unique<CacheBlock>(group_.get(), buffer), buffer, isLent});
     CacheBlock* const block = places_.back().block.get();
     requests_.push_back(std::make_unique<TransactionRequest>(kBlock));
     EXPECT_TRUE(requests_.back()->Setup(source_, offset));
@@ -109,6 +110,7 @@ class DispatchedReadTest : public OrvaneTest {
   BatchContext context_{};
   std::unique_ptr<CommandProcessor> reads_;
   std::unique_ptr<CommandProcessor> copies_;
+  std::unique_ptr<BlockGroup> group_{new BlockGroup(nullptr, nullptr)};
   std::vector<Place> places_;
   std::vector<std::unique_ptr<TransactionRequest>> requests_;
 };
@@ -399,7 +401,7 @@ TEST_F(DispatchedReadTest, TheLastBlockOfAllIsReadByItselfAndNothingFollowsIt) {
   };
   CacheBlock* const before = fillLast();
   Buffer* const buffer = factory_->GetBufferFromFactory();
-  places_.push_back({std::make_unique<CacheBlock>(nullptr, nullptr, buffer), buffer, true});
+  places_.push_back({std::make_unique<CacheBlock>(group_.get(), buffer), buffer, true});
   CacheBlock* const last = places_.back().block.get();
   requests_.push_back(std::make_unique<TransactionRequest>(10));
   ASSERT_TRUE(requests_.back()->Setup(source_, kLast + 5));

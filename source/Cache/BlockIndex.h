@@ -11,19 +11,15 @@ class CacheBlock;
 
 // A hash table whose chains run through the blocks: made once for all of them, it never allocates
 // again. A key is in it at most once. Guarded by the lock of the block list.
+//
+// Places that follow each other share the lines of the table and are in no chain together: who
+// reads a part of a large cache touches a part of its table.
 class BlockIndex {
  public:
-  // Of a block: `next` is the chain's.
-  struct Link {
-    CacheBlock* next = nullptr;
-    std::uint32_t sourceKey = 0;
-    std::uint64_t sourceOffset = 0;
-    bool isLinked = false;
-    bool isShort = false;  // among the list's short blocks
-  };
-
-  void Reserve(std::size_t blocks);
-  // REQUIRES: Find answers null for the key, and the block is not in the index.
+  // For so many blocks, at offsets that are multiples of so many bytes.
+  void Reserve(std::size_t blocks, std::uint64_t blockSize);
+  // The block is at that place from now on. REQUIRES: Find answers null for it, and the block is
+  // not in the index.
   void Insert(CacheBlock* block, std::uint32_t sourceKey, std::uint64_t sourceOffset);
   // Does nothing for a block that is not in the index.
   void Remove(CacheBlock* block);
@@ -33,6 +29,7 @@ class BlockIndex {
   std::size_t BucketOf(std::uint32_t sourceKey, std::uint64_t sourceOffset) const;
 
   std::vector<CacheBlock*> buckets_;  // a power of two of them
+  unsigned offsetShift_ = 0;
 };
 
 }  // namespace Orvane

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <utility>
+#include <vector>
 
 #include "Buffer.h"
 #include "Cache.h"
@@ -10,7 +11,6 @@
 #include "Cache/CacheClock.h"
 #include "Cache/TransactionInternals.h"
 #include "OSServices/CritSecLock.h"
-#include "OSServices/LockClass.h"
 #include "OSServices/ReportScope.h"
 
 namespace Orvane {
@@ -18,23 +18,22 @@ namespace {
 
 constexpr const char* kFile = "source/Cache/CacheBlock";
 constexpr std::uint64_t kKeptAheadMs = 3600000;
-// Transactions that wait for one block are few; a block that once had more gives the room back.
-constexpr std::size_t kRoomKept = 4;
 
 }  // namespace
 
-CacheBlock::CacheBlock(Cache* cache, CacheBlockList* list, Buffer* buffer)
-    : cache_(cache),
-      list_(list),
-      capacity_(buffer->GetSize()),
-      lock_(NewCritSec(LockClass::kBlock)),
-      buffer_(buffer) {
+CacheBlock::CacheBlock(BlockGroup* group, Buffer* buffer)
+    : group_(group), capacity_(buffer->GetSize()), buffer_(buffer) {
   buffer_->AddRef(kFile, "Orvane::CacheBlock::CacheBlock", __LINE__);
 }
 
 CacheBlock::~CacheBlock() {
   CancelPendingTransactions(nullptr);
-  if (reading_.transaction) DropEntry(reading_, "Orvane::CacheBlock::~CacheBlock");
+  Entry reader{};
+  {
+    CritSecLock lock(group_->lock.get());
+    if (queue_) reader = queue_->reading;
+  }
+  if (reader.transaction) DropEntry(reader, "Orvane::CacheBlock::~CacheBlock");
   ReleaseBuffer();
 }
 
@@ -44,7 +43,8 @@ bool CacheBlock::LockForReadInto(CacheTransaction* transaction) {
     return false;
   }
   {
-    CritSecLock lock(lock_.get());
+    CritSecLock lock(group_->lock.get());
+    if (lockCount_ >= 1) return false;
     // An ordinary read may evict any free block.
     const bool wantedLater = stamp_ != 0 && CacheTime::Now().Milli() < stamp_;
     if (transaction->IsPreReadTransaction() && wantedLater) return false;
@@ -56,13 +56,9 @@ bool CacheBlock::LockForReadInto(CacheTransaction* transaction) {
   const std::uint32_t key = transaction->GetSource()->GetSourceKey();
   const std::uint64_t place = capacity_ >= 2 ? offset - offset % capacity_ : offset;
   // Before this block is locked: it locks the other one.
-  if (list_) list_->MakeWay(this, key, place);
+  if (group_->list) group_->list->MakeWay(this, key, place);
 
-  CritSecLock lock(lock_.get());
-  if (lockCount_ >= 1) {
-    transaction->ReturnRangeToComplete(offset, size);
-    return false;
-  }
+  CritSecLock lock(group_->lock.get());
   if (doomed_) {
     // Its last holder has not come to settle it yet. It must be placed anew all the same.
     Forget();
@@ -70,24 +66,33 @@ bool CacheBlock::LockForReadInto(CacheTransaction* transaction) {
     parked_ = true;
   }
   LockInner();
-  if (list_) list_->Unlink(this);
-  sourceKey_ = key;
-  sourceOffset_ = place;
+  ChangePlace(key, place);
   validBytes_ = capacity_;
   state_ = CacheSource::kResultNone;
-  if (list_) writesSeen_ = list_->Link(this, sourceKey_, sourceOffset_);
 
   const std::uint64_t blockSpace = capacity_ - (offset - sourceOffset_);
   if (size > blockSpace) {
     transaction->ReturnRangeToComplete(offset + blockSpace, size - blockSpace);
   }
-  reading_ = {transaction, TransactionInternals::GetGeneration(transaction), sourceKey_,
-              transaction->GetDueTime(), transaction->IsPreReadTransaction()};
+  queue_->reading = {transaction, TransactionInternals::GetGeneration(transaction), sourceKey_,
+                     transaction->GetDueTime(), transaction->IsPreReadTransaction()};
   LockInner();
   transaction->AddRef(kFile, kFunction, __LINE__);
   transaction->AddRef(kFile, kFunction, __LINE__);
-  pending_.push_back(reading_);
+  queue_->Push(queue_->reading);
   return true;
+}
+
+// Of a block that is being claimed.
+void CacheBlock::ChangePlace(std::uint32_t sourceKey, std::uint64_t sourceOffset) {
+  CacheBlockList* const list = group_->list;
+  if (!list) {
+    sourceKey_ = sourceKey;
+    sourceOffset_ = sourceOffset;
+    return;
+  }
+  list->Unlink(this);
+  writesSeen_ = list->Link(this, sourceKey, sourceOffset);
 }
 
 bool CacheBlock::CompleteReadInto(std::uint64_t bytesRead, CacheSource::Result_t result) {
@@ -96,19 +101,18 @@ bool CacheBlock::CompleteReadInto(std::uint64_t bytesRead, CacheSource::Result_t
   Entry reader{};
   {
     // For a block that will hold less than it is indexed for.
-    CacheBlockList::Lock listLock(whole ? nullptr : list_);
-    CritSecLock lock(lock_.get());
-    if (!buffer_ || !reading_.transaction) return false;
+    CacheBlockList::Lock listLock(whole ? nullptr : group_->list);
+    CritSecLock lock(group_->lock.get());
+    if (!buffer_ || !IsBeingFilled()) return false;
     if (sourceKey_ != CacheSource::kInvalidKey) validBytes_ = std::min(bytesRead, capacity_);
-    std::swap(reader, reading_);
+    std::swap(reader, queue_->reading);
     state_ = whole && validBytes_ == capacity_ ? CacheSource::kResultOK : result;
     if (!whole && !doomed_) {
       // A write that came meanwhile may have moved the end of the data.
-      const bool overtaken = list_ && list_->HasSeenWritesSince(sourceKey_, writesSeen_);
-      if (!good || validBytes_ == 0 || overtaken) {
+      if (!good || validBytes_ == 0 || HasSeenWrites()) {
         Doom();
-      } else if (list_) {
-        list_->AddShortBlock(this);
+      } else if (group_->list) {
+        group_->list->AddShortBlock(this);
       }
     }
   }
@@ -128,13 +132,13 @@ bool CacheBlock::LockForCopyOutOf(CacheTransaction* transaction, bool* alreadySe
   std::uint64_t offset = transaction->GetOffset();
   std::uint64_t size = transaction->GetSize();
   {
-    CritSecLock lock(lock_.get());
+    CritSecLock lock(group_->lock.get());
     if (IsAttached(transaction, generation)) return false;
     if (sourceKey_ == CacheSource::kInvalidKey || sourceKey_ != key || doomed_) return false;
     // A fill that began before a write ended may show where the data ended then.
-    if (reading_.transaction && list_ && list_->HasSeenWritesSince(key, writesSeen_)) return false;
-    MakeRoomForPending();
+    if (IsBeingFilled() && HasSeenWrites()) return false;
     if (!CacheSource::GetRangeIntersection(offset, size, sourceOffset_, capacity_)) return false;
+    MakeRoomForPending();
     LockInner();
   }
   // Outside of the lock: the hold keeps the block as it is.
@@ -148,11 +152,11 @@ bool CacheBlock::LockForCopyOutOf(CacheTransaction* transaction, bool* alreadySe
     transaction->Complete(offset, size, CacheSource::kResultOK);
     return true;
   }
-  CritSecLock lock(lock_.get());
-  *alreadyServed = reading_.transaction != nullptr || pendingHead_ < pending_.size();
+  CritSecLock lock(group_->lock.get());
+  *alreadyServed = IsBeingFilled() || !queue_->GetWaiting().empty();
   transaction->AddRef(kFile, kFunction, __LINE__);
-  pending_.push_back({transaction, generation, key, transaction->GetDueTime(),
-                      /*isPreRead=*/false});
+  queue_->Push({transaction, generation, key, transaction->GetDueTime(),
+                /*isPreRead=*/false});
   return true;
 }
 
@@ -161,8 +165,8 @@ void CacheBlock::ProcessPendingTransactions(bool* becameFree) {
     Entry entry{};
     Content content{};
     {
-      CritSecLock lock(lock_.get());
-      if (!buffer_ || reading_.transaction || !PopPending(&entry)) break;
+      CritSecLock lock(group_->lock.get());
+      if (!buffer_ || IsBeingFilled() || !PopPending(&entry)) break;
       content = {state_, dataAddress_, validBytes_, sourceKey_, sourceOffset_};
     }
     ServeEntry(entry, content);
@@ -226,9 +230,8 @@ void CacheBlock::ServeTransaction(const Entry& entry, const Content& content) {
 }
 
 bool CacheBlock::HasOnlyPreReads() {
-  CritSecLock lock(lock_.get());
-  return std::all_of(pending_.begin() + static_cast<std::ptrdiff_t>(pendingHead_), pending_.end(),
-                     [](const Entry& entry) { return entry.isPreRead; });
+  CritSecLock lock(group_->lock.get());
+  return !queue_ || std::ranges::all_of(queue_->GetWaiting(), &Entry::isPreRead);
 }
 
 void CacheBlock::CancelPendingTransactions(bool* becameFree) {
@@ -236,7 +239,7 @@ void CacheBlock::CancelPendingTransactions(bool* becameFree) {
   for (;;) {
     Entry entry{};
     {
-      CritSecLock lock(lock_.get());
+      CritSecLock lock(group_->lock.get());
       if (!PopPending(&entry)) break;
     }
     freed = FailEntry(entry) || freed;
@@ -255,10 +258,11 @@ bool CacheBlock::FailEntry(const Entry& entry) {
 }
 
 void CacheBlock::DumpPendingTransactions() {
-  CritSecLock lock(lock_.get());
-  for (std::size_t k = pendingHead_; k < pending_.size(); ++k) {
+  CritSecLock lock(group_->lock.get());
+  if (!queue_) return;
+  for (const Entry& entry : queue_->GetWaiting()) {
     std::uint64_t bytes = 0;
-    pending_[k].transaction->GetResult(&bytes);
+    entry.transaction->GetResult(&bytes);
   }
 }
 
@@ -285,34 +289,32 @@ void CacheBlock::Invalidate(CacheSource* source, bool withRange, std::uint64_t o
   // Those that wait now. A block that is free may wait for other data as soon as the locks are
   // left.
   std::vector<Entry> waiting;
-  std::size_t next = 0;
   {
-    CacheBlockList::Lock listLock(list_);
-    CritSecLock lock(lock_.get());
+    CacheBlockList::Lock listLock(group_->list);
+    CritSecLock lock(group_->lock.get());
     if (sourceKey_ != source->GetSourceKey()) return;
     if (withRange && (validBytes_ == 0 || !MeetsRange(offset, size))) return;
     Doom();
     Forget();
-    waiting.swap(pending_);
-    next = std::exchange(pendingHead_, 0);
+    if (queue_) waiting = queue_->TakeAll();
   }
-  for (; next < waiting.size(); ++next) FailEntry(waiting[next]);
+  for (const Entry& entry : waiting) FailEntry(entry);
 }
 
 void CacheBlock::Doom() {
-  CritSecLock lock(lock_.get());
-  if (list_) list_->Unlink(this);
+  CritSecLock lock(group_->lock.get());
+  if (group_->list) group_->list->Unlink(this);
   doomed_ = true;
   if (lockCount_ == 0) Settle();
 }
 
 void CacheBlock::RefuseMore() {
-  CacheBlockList::Lock listLock(list_);
+  CacheBlockList::Lock listLock(group_->list);
   Doom();
 }
 
 const char* CacheBlock::LockForResidentRead(std::uint64_t offset, std::uint64_t size) {
-  CritSecLock lock(lock_.get());
+  CritSecLock lock(group_->lock.get());
   if (!HoldsResidentLocked(offset, size)) return nullptr;
   LockInner();
   if (dataAddress_) return dataAddress_ + (offset - sourceOffset_);
@@ -321,12 +323,12 @@ const char* CacheBlock::LockForResidentRead(std::uint64_t offset, std::uint64_t 
 }
 
 bool CacheBlock::HoldsResident(std::uint64_t offset, std::uint64_t size) {
-  CritSecLock lock(lock_.get());
+  CritSecLock lock(group_->lock.get());
   return HoldsResidentLocked(offset, size);
 }
 
 bool CacheBlock::HoldsResidentLocked(std::uint64_t offset, std::uint64_t size) {
-  if (!buffer_ || reading_.transaction || doomed_) return false;
+  if (!buffer_ || IsBeingFilled() || doomed_) return false;
   if (state_ != CacheSource::kResultOK && state_ != CacheSource::kResultPartial) return false;
   return offset - sourceOffset_ + size <= validBytes_;
 }
@@ -343,7 +345,7 @@ bool CacheBlock::Unlock(std::uint32_t dueTime, const CacheTime& now) {
 bool CacheBlock::UnlockInner(const std::uint32_t* dueTime, const CacheTime* now) {
   bool mustSettle = false;
   {
-    CritSecLock lock(lock_.get());
+    CritSecLock lock(group_->lock.get());
     if (!buffer_ || --lockCount_ >= 1) return false;
     if (dataAddress_) {
       dataAddress_ = nullptr;
@@ -354,18 +356,19 @@ bool CacheBlock::UnlockInner(const std::uint32_t* dueTime, const CacheTime* now)
     // The list finds out by itself that a block was used since it was placed, but not that it
     // belongs further to the front.
     mustSettle = doomed_ || parked_ || stamp_ < before;
+    GiveBackQueue();
   }
   if (mustSettle) {
-    CacheBlockList::Lock listLock(list_);
-    CritSecLock lock(lock_.get());
+    CacheBlockList::Lock listLock(group_->list);
+    CritSecLock lock(group_->lock.get());
     if (lockCount_ == 0) Settle();
   }
-  if (cache_) cache_->NotifySomethingChanged();
+  if (group_->cache) group_->cache->NotifySomethingChanged();
   return true;
 }
 
 void CacheBlock::ReleaseBuffer() {
-  CritSecLock lock(lock_.get());
+  CritSecLock lock(group_->lock.get());
   if (!buffer_) return;
   if (dataAddress_) buffer_->Unlock();
   lockCount_ = 0;
@@ -375,43 +378,43 @@ void CacheBlock::ReleaseBuffer() {
 }
 
 std::uint64_t CacheBlock::GetSourceOffset() {
-  CritSecLock lock(lock_.get());
+  CritSecLock lock(group_->lock.get());
   return sourceOffset_;
 }
 
 std::uint32_t CacheBlock::GetSourceKey() {
-  CritSecLock lock(lock_.get());
+  CritSecLock lock(group_->lock.get());
   return sourceKey_;
 }
 
 std::uint64_t CacheBlock::GetValidBytes() {
-  CritSecLock lock(lock_.get());
+  CritSecLock lock(group_->lock.get());
   return validBytes_;
 }
 
 CacheSource::Result_t CacheBlock::GetState() {
-  CritSecLock lock(lock_.get());
+  CritSecLock lock(group_->lock.get());
   return state_;
 }
 
 std::int32_t CacheBlock::GetLockCount() {
-  CritSecLock lock(lock_.get());
+  CritSecLock lock(group_->lock.get());
   return lockCount_;
 }
 
 std::uint64_t CacheBlock::GetStamp() {
-  CritSecLock lock(lock_.get());
+  CritSecLock lock(group_->lock.get());
   return stamp_;
 }
 
 std::size_t CacheBlock::GetNumberOfPendingTransactions() {
-  CritSecLock lock(lock_.get());
-  return pending_.size() - pendingHead_;
+  CritSecLock lock(group_->lock.get());
+  return queue_ ? queue_->GetWaiting().size() : 0;
 }
 
 bool CacheBlock::HasReadingTransaction() {
-  CritSecLock lock(lock_.get());
-  return reading_.transaction != nullptr;
+  CritSecLock lock(group_->lock.get());
+  return IsBeingFilled();
 }
 
 void CacheBlock::LockInner() {
@@ -422,35 +425,36 @@ void CacheBlock::LockInner() {
   ++lockCount_;
 }
 
+// Since the fill began.
+bool CacheBlock::HasSeenWrites() const {
+  return group_->list && group_->list->HasSeenWritesSince(sourceKey_, writesSeen_);
+}
+
 bool CacheBlock::IsAttached(CacheTransaction* transaction, std::uint32_t generation) {
   const auto is = [=](const Entry& entry) {
     return entry.transaction == transaction && entry.generation == generation;
   };
-  return is(reading_) || std::any_of(pending_.begin() + static_cast<std::ptrdiff_t>(pendingHead_),
-                                     pending_.end(), is);
+  return queue_ && (is(queue_->reading) || std::ranges::any_of(queue_->GetWaiting(), is));
 }
 
 void CacheBlock::MakeRoomForPending() {
-  if (pending_.size() < pending_.capacity()) return;
-  // As many were served as wait, at least: their room will do.
-  if (pendingHead_ > 0 && pendingHead_ >= pending_.size() / 2) {
-    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(pendingHead_));
-    pendingHead_ = 0;
-    return;
+  if (!queue_) {
+    queue_ = group_->spareQueue ? std::move(group_->spareQueue) : std::make_unique<BlockQueue>();
   }
-  pending_.reserve(std::max<std::size_t>(2, 2 * pending_.size()));
+  queue_->MakeRoom();
 }
 
 bool CacheBlock::PopPending(Entry* entry) {
-  if (pendingHead_ == pending_.size()) return false;
-  *entry = pending_[pendingHead_++];
-  if (pendingHead_ == pending_.size()) {
-    pendingHead_ = 0;
-    pending_.clear();
-    // Not the room of one who holds the block and is about to wait.
-    if (pending_.capacity() > kRoomKept && lockCount_ <= 1) std::vector<Entry>().swap(pending_);
+  return queue_ && queue_->Pop(entry);
+}
+
+// Nobody holds the block, so nobody waits for it.
+void CacheBlock::GiveBackQueue() {
+  if (queue_ && !group_->spareQueue) {
+    queue_->GiveBackRoom();
+    group_->spareQueue = std::move(queue_);
   }
-  return true;
+  queue_.reset();
 }
 
 void CacheBlock::SetStamp(std::uint32_t dueTime, const CacheTime& now) {
@@ -458,15 +462,19 @@ void CacheBlock::SetStamp(std::uint32_t dueTime, const CacheTime& now) {
   if (due <= stamp_ && stamp_ - due <= kKeptAheadMs) return;
   stamp_ = due;
   tie_ = now.micro;
+  isRestamped_ = true;
 }
 
 // Nobody holds the block: what it is shows in its place again. With the list's lock.
 void CacheBlock::Settle() {
   if (doomed_) Forget();
   doomed_ = parked_ = false;
-  placedStamp_ = stamp_;
-  placedTie_ = tie_;
-  Resort();
+  Place();
+}
+
+void CacheBlock::Place() {
+  isRestamped_ = false;
+  if (group_->list) group_->list->Place(this, stamp_, tie_);
 }
 
 void CacheBlock::Forget() {
@@ -478,5 +486,7 @@ void CacheBlock::Forget() {
 void CacheBlock::DropEntry(const Entry& entry, const char* function) {
   ReportScope::Release(entry.transaction, kFile, function, __LINE__);
 }
+
+static_assert(sizeof(void*) > 8 || sizeof(CacheBlock) <= 128);
 
 }  // namespace Orvane

@@ -4,18 +4,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <vector>
 
-#include "Cache/BlockIndex.h"
+#include "Cache/BlockGroup.h"
+#include "Cache/BlockOrder.h"
+#include "Cache/BlockQueue.h"
 #include "CacheSource.h"
-#include "CoreClasses/SortedObjectList.h"
-#include "MTPrimitives.h"
 
 namespace Orvane {
 
 class Buffer;
-class Cache;
-class CacheBlockList;
 class CacheTransaction;
 struct CacheTime;
 
@@ -37,21 +34,23 @@ struct CacheTime;
 // locked exactly while there are holders. Whoever is found by the list's index is neither empty nor
 // doomed.
 //
-// Locks: the fields belong to lock_. What a block holds (key, offset) and whether it is doomed
-// changes only with the list's lock held as well, list lock first: so who holds the list's lock
-// sees it stand still. The bytes are copied without any lock: the holders keep them in place.
+// Locks: the fields belong to the lock of the group. What a block holds (key, offset) and whether
+// it is doomed changes only with the list's lock held as well, list lock first: so who holds the
+// list's lock sees it stand still. The bytes are copied without any lock: the holders keep them in
+// place.
 //
-// Finishing a transaction runs its callback, so it never happens under lock_ or the list's lock:
-// queued transactions are taken out first. Transactions are released through ReportScope.
-class CacheBlock : public SortedObject {
+// Finishing a transaction runs its callback, so it never happens under the lock of the group or the
+// list's: queued transactions are taken out first. Transactions are released through ReportScope.
+//
+// A large cache has its blocks all over memory, and whoever comes for one waits for each of its
+// cache lines: two of them are enough.
+class CacheBlock {
  public:
-  // Takes a reference on the buffer. `cache` and `list` may be null, in tests.
-  CacheBlock(Cache* cache, CacheBlockList* list, Buffer* buffer);
-  ~CacheBlock() override;
-
-  // The stamp under which the list keeps the block; it may have been used since. List lock.
-  std::uint64_t GetSortKey() override { return placedStamp_; }
-  std::uint64_t GetSortTie() override { return placedTie_; }
+  // Takes a reference on the buffer.
+  CacheBlock(BlockGroup* group, Buffer* buffer);
+  ~CacheBlock();
+  CacheBlock(const CacheBlock&) = delete;
+  CacheBlock& operator=(const CacheBlock&) = delete;
 
   // Claims a free block for the transaction's next range, at most one block of it, and makes the
   // transaction both the one that is read for and the first that waits. False if the block is busy
@@ -116,16 +115,10 @@ class CacheBlock : public SortedObject {
 
  private:
   friend class BlockIndex;
+  friend class BlockOrder;
   friend class CacheBlockList;
 
-  // A transaction that waits. What is needed of it after its report is kept here.
-  struct Entry {
-    CacheTransaction* transaction;  // one reference
-    std::uint32_t generation;
-    std::uint32_t sourceKey;
-    std::uint32_t dueTime;
-    bool isPreRead;
-  };
+  using Entry = BlockQueue::Entry;
   // What a transaction is served from.
   struct Content {
     CacheSource::Result_t state;
@@ -135,51 +128,62 @@ class CacheBlock : public SortedObject {
     std::uint64_t sourceOffset;
   };
 
-  void LockInner() ORVANE_REQUIRES(lock_);
+  void ChangePlace(std::uint32_t sourceKey, std::uint64_t sourceOffset)
+      ORVANE_REQUIRES(group_->lock);
+  bool HasSeenWrites() const ORVANE_REQUIRES(group_->lock);
+  void LockInner() ORVANE_REQUIRES(group_->lock);
   bool UnlockInner(const std::uint32_t* dueTime, const CacheTime* now);
-  bool IsAttached(CacheTransaction* transaction, std::uint32_t generation) ORVANE_REQUIRES(lock_);
-  void MakeRoomForPending() ORVANE_REQUIRES(lock_);
-  bool PopPending(Entry* entry) ORVANE_REQUIRES(lock_);
-  void SetStamp(std::uint32_t dueTime, const CacheTime& now) ORVANE_REQUIRES(lock_);
-  bool HoldsResidentLocked(std::uint64_t offset, std::uint64_t size) ORVANE_REQUIRES(lock_);
+  bool IsAttached(CacheTransaction* transaction, std::uint32_t generation)
+      ORVANE_REQUIRES(group_->lock);
+  bool IsBeingFilled() const ORVANE_REQUIRES(group_->lock) {
+    return queue_ && queue_->reading.transaction;
+  }
+  void MakeRoomForPending() ORVANE_REQUIRES(group_->lock);
+  bool PopPending(Entry* entry) ORVANE_REQUIRES(group_->lock);
+  void GiveBackQueue() ORVANE_REQUIRES(group_->lock);
+  void SetStamp(std::uint32_t dueTime, const CacheTime& now) ORVANE_REQUIRES(group_->lock);
+  bool HoldsResidentLocked(std::uint64_t offset, std::uint64_t size) ORVANE_REQUIRES(group_->lock);
   void ServeEntry(const Entry& entry, const Content& content);
   void ServeTransaction(const Entry& entry, const Content& content);
   bool FailEntry(const Entry& entry);
   void DropEntry(const Entry& entry, const char* function);
   void Invalidate(CacheSource* source, bool withRange, std::uint64_t offset, std::uint64_t size);
-  bool MeetsRange(std::uint64_t offset, std::uint64_t size) const ORVANE_REQUIRES(lock_);
-  void Forget() ORVANE_REQUIRES(lock_);
-  void Settle() ORVANE_REQUIRES(lock_);
+  bool MeetsRange(std::uint64_t offset, std::uint64_t size) const ORVANE_REQUIRES(group_->lock);
+  void Forget() ORVANE_REQUIRES(group_->lock);
+  void Settle() ORVANE_REQUIRES(group_->lock);
+  void Place() ORVANE_REQUIRES(group_->lock);
 
-  Cache* const cache_;
-  CacheBlockList* const list_;
+  BlockGroup* const group_;
   const std::uint64_t capacity_;  // bytes
-  const std::unique_ptr<MTCritSec> lock_;
-
   Buffer* buffer_;  // one reference; null when dead. Changes only when nobody else uses the block
 
   // The list's lock.
-  BlockIndex::Link indexLink_;
-  std::uint64_t placedStamp_ = 0;
-  std::uint64_t placedTie_ = 0;
+  CacheBlock* indexNext_ = nullptr;
+  CacheBlock* orderPrevious_ = nullptr;
+  CacheBlock* orderNext_ = nullptr;
+  std::uint64_t orderAt_ = 0;  // used: the time of use; other: the place in the heap
+  BlockOrder::Place orderPlace_ = BlockOrder::Place::kNone;
+  bool isIndexed_ = false;
+  bool isShort_ = false;  // among the list's short blocks
 
-  // lock_, see above.
-  char* dataAddress_ ORVANE_GUARDED_BY(lock_) = nullptr;  // while locked
-  std::int32_t lockCount_ ORVANE_GUARDED_BY(lock_) = 0;
-  CacheSource::Result_t state_ ORVANE_GUARDED_BY(lock_) = CacheSource::kResultNone;
-  std::uint64_t validBytes_ ORVANE_GUARDED_BY(lock_) = 0;
-  std::uint64_t stamp_ ORVANE_GUARDED_BY(lock_) = 0;  // milliseconds, CacheTime
-  std::uint64_t tie_ ORVANE_GUARDED_BY(lock_) = 0;    // microseconds, when the stamp was set
-  std::uint64_t sourceOffset_ ORVANE_GUARDED_BY(lock_) = 0;
-  std::uint32_t sourceKey_ ORVANE_GUARDED_BY(lock_) = 0;
-  bool doomed_ ORVANE_GUARDED_BY(lock_) = false;
-  // The list found it busy and put it behind all others; it must be placed when it is free.
-  bool parked_ ORVANE_GUARDED_BY(lock_) = false;
-  std::uint32_t writesSeen_ ORVANE_GUARDED_BY(lock_) = 0;  // by the list, when the fill began
-  std::size_t pendingHead_ ORVANE_GUARDED_BY(lock_) = 0;
-  std::vector<Entry> pending_
-      ORVANE_GUARDED_BY(lock_);               // from pendingHead_ on; first in, first out
-  Entry reading_ ORVANE_GUARDED_BY(lock_){};  // one reference, or null
+  // Changes with both locks held: either will do to look at it.
+  std::uint32_t sourceKey_ = CacheSource::kInvalidKey;
+  std::uint64_t sourceOffset_ = 0;
+
+  // The group's lock, see above.
+  std::unique_ptr<BlockQueue> queue_ ORVANE_GUARDED_BY(group_->lock);  // null: nobody waits
+  char* dataAddress_ ORVANE_GUARDED_BY(group_->lock) = nullptr;        // while locked
+  std::uint64_t validBytes_ ORVANE_GUARDED_BY(group_->lock) = 0;
+  std::uint64_t stamp_ ORVANE_GUARDED_BY(group_->lock) = 0;  // milliseconds, CacheTime
+  std::uint64_t tie_ ORVANE_GUARDED_BY(group_->lock) = 0;    // microseconds, when the stamp was set
+  std::int32_t lockCount_ ORVANE_GUARDED_BY(group_->lock) = 0;
+  CacheSource::Result_t state_ ORVANE_GUARDED_BY(group_->lock) = CacheSource::kResultNone;
+  std::uint32_t writesSeen_ ORVANE_GUARDED_BY(group_->lock) = 0;  // by the list, at the claim
+  bool doomed_ ORVANE_GUARDED_BY(group_->lock) = false;
+  // Not in the list's order: it must be put there when it is free.
+  bool parked_ ORVANE_GUARDED_BY(group_->lock) = false;
+  // The stamp is another than the one that it has in the order.
+  bool isRestamped_ ORVANE_GUARDED_BY(group_->lock) = false;
 };
 
 }  // namespace Orvane

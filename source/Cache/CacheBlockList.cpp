@@ -6,7 +6,6 @@
 
 #include "Buffer.h"
 #include "BufferFactory.h"
-#include "Cache/CacheBlockFinders.h"
 #include "Cache/TransactionInternals.h"
 #include "OSServices/CritSecLock.h"
 #include "OSServices/LockClass.h"
@@ -17,6 +16,8 @@ namespace {
 constexpr const char* kFile = "source/Cache/CacheBlockList";
 constexpr std::uint64_t kBehindAll = std::numeric_limits<std::uint64_t>::max();
 constexpr int kStepsUnderTheLock = 128;
+// So many blocks are never in use at once that two threads would often meet at a lock.
+constexpr std::size_t kMostGroups = 256;
 // How much further a transaction looks for hits than it can read ahead by itself.
 constexpr std::uint64_t kLooksFurther = 256;
 
@@ -37,8 +38,7 @@ struct BlockRange {
 CacheBlockList::CacheBlockList(Cache* cache, BufferFactory* factory)
     : factory_(factory),
       blockSize_(factory->GetBufferSize()),
-      lock_(NewCritSec(LockClass::kBlockList)),
-      candidates_(/*ascending=*/true, /*threadSafe=*/false) {
+      lock_(NewCritSec(LockClass::kBlockList)) {
   factory_->AddRef(kFile, "Orvane::CacheBlockList::CacheBlockList", __LINE__);
   try {
     if (blockSize_ > 0) MakeBlocks(cache);
@@ -48,12 +48,10 @@ CacheBlockList::CacheBlockList(Cache* cache, BufferFactory* factory)
 }
 
 CacheBlockList::~CacheBlockList() {
-  while (candidates_.RemoveFirst()) {
-  }
-  for (std::unique_ptr<CacheBlock>& block : blocks_) {
-    Buffer* const buffer = block->GetBuffer();
-    block->CancelPendingTransactions(nullptr);
-    block->ReleaseBuffer();
+  for (CacheBlock& block : blocks_) {
+    Buffer* const buffer = block.GetBuffer();
+    block.CancelPendingTransactions(nullptr);
+    block.ReleaseBuffer();
     if (buffer) factory_->ReturnBufferToFactory(buffer);
   }
   blocks_.clear();
@@ -62,19 +60,26 @@ CacheBlockList::~CacheBlockList() {
 
 void CacheBlockList::MakeBlocks(Cache* cache) {
   const std::size_t count = factory_->GetNumberOfBuffersFree();
-  index_.Reserve(count);
-  blocks_.reserve(count);
+  index_.Reserve(count, blockSize_);
+  order_.Reserve(count);
   while (Buffer* const buffer = factory_->GetBufferFromFactory()) {
     try {
-      if (blocks_.size() == blocks_.capacity()) blocks_.reserve(2 * blocks_.size() + 1);
-      auto block = std::make_unique<CacheBlock>(cache, this, buffer);
-      candidates_.AddObject(block.get());
-      blocks_.push_back(std::move(block));
+      order_.Reserve(blocks_.size() + 1);
+      CacheBlock& block = blocks_.emplace_back(GetGroupOfNext(cache), buffer);
+      Place(&block, 0, 0);
     } catch (...) {
       factory_->ReturnBufferToFactory(buffer);
       throw;
     }
   }
+}
+
+// Neighbours, which are mostly used together, are in different groups.
+BlockGroup* CacheBlockList::GetGroupOfNext(Cache* cache) {
+  if (groups_.size() == blocks_.size() && groups_.size() < kMostGroups) {
+    groups_.push_back(std::make_unique<BlockGroup>(cache, this));
+  }
+  return groups_[blocks_.size() % groups_.size()].get();
 }
 
 CacheBlock* CacheBlockList::FindBlockToCopyOutOf(CacheTransaction* transaction, bool* alreadyServed,
@@ -97,10 +102,8 @@ CacheBlock* CacheBlockList::FindBlockToCopyOutOf(CacheTransaction* transaction, 
       *cursor = place > kBehindAll - blockSize_ ? kBehindAll : place + blockSize_;
       CacheBlock* const block = index_.Find(sourceKey, place);
       if (!block) continue;
-      CopyOutOfBlockFinder finder(transaction);
-      if (!finder.Check(block)) continue;
-      *alreadyServed = finder.IsAlreadyServed();
-      return block;
+      *alreadyServed = false;
+      if (block->LockForCopyOutOf(transaction, alreadyServed)) return block;
     }
   }
   return nullptr;
@@ -113,9 +116,7 @@ CacheBlock* CacheBlockList::FindBlockToReadInto(CacheTransaction* transaction) {
     CacheBlock* const candidate = FindCandidate(&goesOn);
     if (!candidate) continue;
     // One that it refuses because it is wanted later is the first to be free: so are all others.
-    ReadIntoBlockFinder finder(transaction);
-    finder.Check(candidate);
-    return finder.GetBlock();
+    return candidate->LockForReadInto(transaction) ? candidate : nullptr;
   }
   return nullptr;
 }
@@ -125,39 +126,37 @@ CacheBlock* CacheBlockList::FindBlockToReadInto(CacheTransaction* transaction) {
 // once.
 CacheBlock* CacheBlockList::FindCandidate(bool* goesOn) {
   for (int steps = 0; steps < kStepsUnderTheLock; ++steps) {
-    auto* const block = static_cast<CacheBlock*>(candidates_.GetFirst());
-    if (!block || block->placedStamp_ == kBehindAll) return nullptr;
-    CritSecLock lock(block->lock_.get());
+    CacheBlock* const block = order_.GetFirst();
+    if (!block) return nullptr;
+    CritSecLock lock(block->group_->lock.get());
     if (block->lockCount_ > 0) {
       block->parked_ = true;
-      block->placedStamp_ = kBehindAll;
-    } else if (block->placedStamp_ != block->stamp_ || block->placedTie_ != block->tie_) {
-      block->placedStamp_ = block->stamp_;
-      block->placedTie_ = block->tie_;
+      Park(block);
+    } else if (block->isRestamped_) {
+      block->Place();
     } else {
       return block;
     }
-    block->Resort();
   }
   *goesOn = true;
   return nullptr;
 }
 
 void CacheBlockList::CancelSource(CacheSource* source) {
-  CancelFinder finder(source);
-  for (const std::unique_ptr<CacheBlock>& block : blocks_) finder.Check(block.get());
+  const std::uint32_t sourceKey = source->GetSourceKey();
+  for (CacheBlock& block : blocks_) {
+    if (block.GetSourceKey() == sourceKey) block.CancelPendingTransactions(nullptr);
+  }
 }
 
 void CacheBlockList::PurgeSource(CacheSource* source) {
-  InvalidateFinder finder(source);
-  for (const std::unique_ptr<CacheBlock>& block : blocks_) finder.Check(block.get());
+  for (CacheBlock& block : blocks_) block.InvalidateBySource(source);
 }
 
 void CacheBlockList::InvalidateRange(CacheSource* source, std::uint64_t offset,
                                      std::uint64_t size) {
-  InvalidateFinder finder(source, offset, size);
   VisitBlocksOfRange(source->GetSourceKey(), offset, size,
-                     [&finder](CacheBlock* block) { finder.Check(block); });
+                     [=](CacheBlock* block) { block->InvalidateByRange(source, offset, size); });
 }
 
 void CacheBlockList::InvalidateWritten(CacheSource* source, std::uint64_t offset,
@@ -166,7 +165,7 @@ void CacheBlockList::InvalidateWritten(CacheSource* source, std::uint64_t offset
   VisitBlocksOfRange(sourceKey, offset, size, [=, this](CacheBlock* block) {
     Lock lock(this);
     // It may hold something else by now.
-    if (block->indexLink_.isLinked && block->indexLink_.sourceKey == sourceKey) block->Doom();
+    if (block->isIndexed_ && block->sourceKey_ == sourceKey) block->Doom();
   });
   Lock lock(this);
   ++writes_[sourceKey % kWriteCounters];
@@ -179,8 +178,7 @@ void CacheBlockList::InvalidateWritten(CacheSource* source, std::uint64_t offset
 }
 
 void CacheBlockList::Dump() {
-  DumpFinder finder;
-  for (const std::unique_ptr<CacheBlock>& block : blocks_) finder.Check(block.get());
+  for (CacheBlock& block : blocks_) block.DumpPendingTransactions();
 }
 
 template <typename Visit>
@@ -189,11 +187,9 @@ void CacheBlockList::VisitBlocksOfRange(std::uint32_t sourceKey, std::uint64_t o
   if (size == 0 || blocks_.empty()) return;
   const BlockRange range(offset, size, blockSize_);
   if (range.count > blocks_.size()) {
-    for (const std::unique_ptr<CacheBlock>& block : blocks_) {
-      const std::uint64_t place = block->GetSourceOffset() - range.first;
-      if (block->GetSourceKey() == sourceKey && place / blockSize_ < range.count) {
-        visit(block.get());
-      }
+    for (CacheBlock& block : blocks_) {
+      const std::uint64_t place = block.GetSourceOffset() - range.first;
+      if (block.GetSourceKey() == sourceKey && place / blockSize_ < range.count) visit(&block);
     }
     return;
   }
@@ -256,14 +252,15 @@ std::uint32_t CacheBlockList::Link(CacheBlock* block, std::uint32_t sourceKey,
 }
 
 void CacheBlockList::Unlink(CacheBlock* block) {
-  if (block->indexLink_.isShort) shortBlocks_.erase({block->indexLink_.sourceKey, block});
+  if (block->isShort_) shortBlocks_.erase({block->sourceKey_, block});
+  block->isShort_ = false;
   index_.Remove(block);
 }
 
 void CacheBlockList::AddShortBlock(CacheBlock* block) {
   try {
-    shortBlocks_.insert({block->indexLink_.sourceKey, block});
-    block->indexLink_.isShort = true;
+    shortBlocks_.insert({block->sourceKey_, block});
+    block->isShort_ = true;
   } catch (const std::bad_alloc&) {
     block->Doom();
   }

@@ -4,14 +4,16 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <set>
 #include <utility>
 #include <vector>
 
+#include "Cache/BlockGroup.h"
 #include "Cache/BlockIndex.h"
+#include "Cache/BlockOrder.h"
 #include "Cache/CacheBlock.h"
-#include "CoreClasses/SortedObjectList.h"
 #include "MTPrimitives.h"
 
 namespace Orvane {
@@ -24,8 +26,8 @@ class Cache;
 // Three views of the same blocks, all guarded by lock_: the array of all; the index of those that
 // hold or will hold something, by source key and offset; and the order of replacement, oldest stamp
 // first. The order is put right when it is looked at: a block that was used since it was placed is
-// placed anew, one that is busy goes behind all others until it is free. So a hit moves nothing,
-// and a search for a free block passes over a busy one only once.
+// placed anew, one that is busy leaves it until it is free. So a hit moves nothing, and a search
+// for a free block passes over a busy one only once.
 //
 // lock_ comes before the locks of the blocks and of transactions. Nothing that may finish a
 // transaction is called with it.
@@ -70,7 +72,7 @@ class CacheBlockList {
   std::uint64_t GetBlockSize() const { return blockSize_; }
   std::uint64_t GetBlockCount() const { return blocks_.size(); }
   // The block at a place of the array, in tests.
-  CacheBlock* GetBlock(std::size_t index) { return blocks_[index].get(); }
+  CacheBlock* GetBlock(std::size_t index) { return &blocks_[index]; }
 
   // For the blocks, which call them with the lock held.
   // Dooms whatever else is in the index for a place that `block` is about to hold.
@@ -79,6 +81,11 @@ class CacheBlockList {
   // Enters a block that is being filled; answers the number of writes seen so far.
   std::uint32_t Link(CacheBlock* block, std::uint32_t sourceKey, std::uint64_t sourceOffset);
   void Unlink(CacheBlock* block);
+  // Into the order of replacement, from whatever place in it, and out of it.
+  void Place(CacheBlock* block, std::uint64_t stamp, std::uint64_t setAt) {
+    order_.Put(block, stamp, setAt);
+  }
+  void Park(CacheBlock* block) { order_.TakeOut(block); }
   void AddShortBlock(CacheBlock* block);
   bool HasSeenWritesSince(std::uint32_t sourceKey, std::uint32_t writes) const {
     return writes_[sourceKey % kWriteCounters] != writes;
@@ -103,6 +110,7 @@ class CacheBlockList {
 
  private:
   void MakeBlocks(Cache* cache);
+  BlockGroup* GetGroupOfNext(Cache* cache);
   CacheBlock* FindCandidate(bool* goesOn);
   // Calls visit(block) for each block that holds something of the range; with no lock held.
   template <typename Visit>
@@ -112,9 +120,11 @@ class CacheBlockList {
   BufferFactory* const factory_;  // one reference
   const std::uint64_t blockSize_;
   const std::unique_ptr<MTCritSec> lock_;
-  std::vector<std::unique_ptr<CacheBlock>> blocks_;  // constant once constructed
+  // Constant once constructed.
+  std::vector<std::unique_ptr<BlockGroup>> groups_;
+  std::deque<CacheBlock> blocks_;
 
-  SortedObjectList candidates_;
+  BlockOrder order_;
   BlockIndex index_;
   // By source key: those in the index whose fill told where the data ends.
   std::set<std::pair<std::uint32_t, CacheBlock*>> shortBlocks_;

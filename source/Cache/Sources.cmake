@@ -1,6 +1,7 @@
 list(APPEND ORVANE_SOURCES
   Cache/BatchRegistry.cpp
   Cache/BlockIndex.cpp
+  Cache/BlockOrder.cpp
   Cache/Cache.cpp
   Cache/CacheBlock.cpp
   Cache/CacheBlockList.cpp

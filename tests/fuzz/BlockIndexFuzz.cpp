@@ -19,9 +19,10 @@ constexpr std::size_t kBlocks = 24;
 // Made once: a block is a large object, and a run leaves all of them unlinked.
 struct Blocks {
   Blocks() {
-    for (auto& block : all) block = std::make_unique<CacheBlock>(nullptr, nullptr, buffer);
+    for (auto& block : all) block = std::make_unique<CacheBlock>(&group, buffer);
   }
 
+  BlockGroup group{nullptr, nullptr};
   HeapBuffer* const buffer = new HeapBuffer(16);
   std::array<std::unique_ptr<CacheBlock>, kBlocks> all;
 };
@@ -35,7 +36,7 @@ class BlockRun {
  public:
   explicit BlockRun(Input* input) : input_(input), blocks_(TheBlocks()) {
     if (!input_->Flag()) ORVANE_FUZZ_CHECK(!index_.Find(input_->Byte(), input_->Number()));
-    index_.Reserve(input_->Below(2 * kBlocks));  // fewer than blocks: long chains
+    index_.Reserve(input_->Below(2 * kBlocks), 4096);  // fewer than blocks: long chains
   }
   ~BlockRun() {
     for (const auto& block : blocks_.all) index_.Remove(block.get());
