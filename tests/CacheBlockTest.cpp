@@ -256,7 +256,7 @@ TEST_F(CacheBlockTest, AfterReleaseBufferEveryLockIsRefused) {
   EXPECT_FALSE(block_->LockForReadInto(reader));
   EXPECT_FALSE(Attach(reader));
   EXPECT_EQ(nullptr, block_->LockForResidentRead(kBlock, 1));
-  EXPECT_FALSE(block_->HoldsResident(kBlock, 1));
+  EXPECT_FALSE(block_->HoldsResident(source_->GetSourceKey(), kBlock, 1));
   EXPECT_FALSE(block_->CompleteReadInto(0, CacheSource::kResultOK));
   EXPECT_FALSE(block_->Unlock(CacheSource::kDueASAP));
   bool becameFree = true;
@@ -676,8 +676,8 @@ TEST_F(CacheBlockTest, OneThatWasReportedMeanwhileIsLeftAlone) {
 
 TEST_F(CacheBlockTest, ResidentReadersHoldTheBlock) {
   MakeValid();
-  EXPECT_TRUE(block_->HoldsResident(kBlock + 10, kBlock - 10));
-  EXPECT_FALSE(block_->HoldsResident(kBlock + 10, kBlock - 9));
+  EXPECT_TRUE(block_->HoldsResident(source_->GetSourceKey(), kBlock + 10, kBlock - 10));
+  EXPECT_FALSE(block_->HoldsResident(source_->GetSourceKey(), kBlock + 10, kBlock - 9));
   const char* const bytes = block_->LockForResidentRead(kBlock + 10, 20);
   ASSERT_NE(nullptr, bytes);
   EXPECT_EQ(contents_.substr(kBlock + 10, 20), std::string(bytes, 20));
@@ -692,7 +692,7 @@ TEST_F(CacheBlockTest, ResidentReadersWaitForNoFill) {
   Reader reader(source_, 0, kBlock);
   ASSERT_TRUE(block_->LockForReadInto(reader));
   EXPECT_EQ(nullptr, block_->LockForResidentRead(0, 1));
-  EXPECT_FALSE(block_->HoldsResident(0, 1));
+  EXPECT_FALSE(block_->HoldsResident(source_->GetSourceKey(), 0, 1));
   EXPECT_EQ(2, block_->GetLockCount());
 }
 

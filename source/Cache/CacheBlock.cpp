@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -19,10 +20,21 @@ namespace {
 constexpr const char* kFile = "source/Cache/CacheBlock";
 constexpr std::uint64_t kKeptAheadMs = 3600000;
 
+// Of the library's own buffers, as they are: what is derived from them may do as it likes.
+char* FixedAddressOf(Buffer* buffer) {
+  const std::type_info& type = typeid(*buffer);
+  if (type != typeid(HeapBuffer) && type != typeid(BufferPartOfBuffer)) return nullptr;
+  return static_cast<char*>(buffer->GetAddress());
+}
+
 }  // namespace
 
 CacheBlock::CacheBlock(BlockGroup* group, Buffer* buffer)
-    : group_(group), capacity_(buffer->GetSize()), buffer_(buffer) {
+    : group_(group),
+      capacity_(buffer->GetSize()),
+      buffer_(buffer),
+      dataAddress_(FixedAddressOf(buffer)),
+      hasFixedAddress_(dataAddress_ != nullptr) {
   buffer_->AddRef(kFile, "Orvane::CacheBlock::CacheBlock", __LINE__);
 }
 
@@ -167,7 +179,8 @@ void CacheBlock::ProcessPendingTransactions(bool* becameFree) {
     {
       CritSecLock lock(group_->lock.get());
       if (!buffer_ || IsBeingFilled() || !PopPending(&entry)) break;
-      content = {state_, dataAddress_, validBytes_, sourceKey_, sourceOffset_};
+      content = {state_, isBufferLocked_ ? dataAddress_ : nullptr, validBytes_, sourceKey_,
+                 sourceOffset_};
     }
     ServeEntry(entry, content);
   }
@@ -317,14 +330,14 @@ const char* CacheBlock::LockForResidentRead(std::uint64_t offset, std::uint64_t 
   CritSecLock lock(group_->lock.get());
   if (!HoldsResidentLocked(offset, size)) return nullptr;
   LockInner();
-  if (dataAddress_) return dataAddress_ + (offset - sourceOffset_);
+  if (isBufferLocked_) return dataAddress_ + (offset - sourceOffset_);
   --lockCount_;  // nothing was locked
   return nullptr;
 }
 
-bool CacheBlock::HoldsResident(std::uint64_t offset, std::uint64_t size) {
+bool CacheBlock::HoldsResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size) {
   CritSecLock lock(group_->lock.get());
-  return HoldsResidentLocked(offset, size);
+  return HoldsOf(sourceKey, offset, size);
 }
 
 bool CacheBlock::HoldsResidentLocked(std::uint64_t offset, std::uint64_t size) {
@@ -347,32 +360,35 @@ bool CacheBlock::UnlockInner(const std::uint32_t* dueTime, const CacheTime* now)
   {
     CritSecLock lock(group_->lock.get());
     if (!buffer_ || --lockCount_ >= 1) return false;
-    if (dataAddress_) {
-      dataAddress_ = nullptr;
-      buffer_->Unlock();
-    }
-    const std::uint64_t before = stamp_;
-    if (dueTime && !doomed_) SetStamp(*dueTime, now ? *now : CacheTime::Now());
-    // The list finds out by itself that a block was used since it was placed, but not that it
-    // belongs further to the front.
-    mustSettle = doomed_ || parked_ || stamp_ < before;
+    UnlockBuffer();
+    mustSettle = doomed_ || parked_;
+    if (dueTime && !doomed_) mustSettle |= Stamp(*dueTime, now ? *now : CacheTime::Now());
     GiveBackQueue();
   }
-  if (mustSettle) {
-    CacheBlockList::Lock listLock(group_->list);
-    CritSecLock lock(group_->lock.get());
-    if (lockCount_ == 0) Settle();
-  }
+  if (mustSettle) SettleIfFree();
   if (group_->cache) group_->cache->NotifySomethingChanged();
   return true;
+}
+
+// Of a block that is free. True if it must be settled: the list finds out by itself that a block
+// was used since it was placed, but not that it belongs further to the front.
+bool CacheBlock::Stamp(std::uint32_t dueTime, const CacheTime& now) {
+  const std::uint64_t before = stamp_;
+  SetStamp(dueTime, now);
+  return parked_ || stamp_ < before;
+}
+
+void CacheBlock::SettleIfFree() {
+  CacheBlockList::Lock listLock(group_->list);
+  CritSecLock lock(group_->lock.get());
+  if (lockCount_ == 0) Settle();
 }
 
 void CacheBlock::ReleaseBuffer() {
   CritSecLock lock(group_->lock.get());
   if (!buffer_) return;
-  if (dataAddress_) buffer_->Unlock();
+  UnlockBuffer();
   lockCount_ = 0;
-  dataAddress_ = nullptr;
   buffer_->DecRef(kFile, "Orvane::CacheBlock::ReleaseBuffer", __LINE__);
   buffer_ = nullptr;
 }
@@ -419,10 +435,18 @@ bool CacheBlock::HasReadingTransaction() {
 
 void CacheBlock::LockInner() {
   if (lockCount_ == 0 && buffer_->Lock() == Buffer::kBufferLocked) {
-    dataAddress_ = static_cast<char*>(buffer_->GetAddress());
-    if (!dataAddress_) buffer_->Unlock();
+    if (!hasFixedAddress_) dataAddress_ = static_cast<char*>(buffer_->GetAddress());
+    isBufferLocked_ = true;
+    if (!dataAddress_) UnlockBuffer();
   }
   ++lockCount_;
+}
+
+void CacheBlock::UnlockBuffer() {
+  if (!isBufferLocked_) return;
+  isBufferLocked_ = false;
+  if (!hasFixedAddress_) dataAddress_ = nullptr;
+  buffer_->Unlock();
 }
 
 // Since the fill began.

@@ -8,13 +8,14 @@
 #include "Cache/BlockGroup.h"
 #include "Cache/BlockOrder.h"
 #include "Cache/BlockQueue.h"
+#include "Cache/CacheClock.h"
 #include "CacheSource.h"
+#include "OSServices/CritSecLock.h"
 
 namespace Orvane {
 
 class Buffer;
 class CacheTransaction;
-struct CacheTime;
 
 // A buffer, the range of a source that it holds, a count of holders, and the transactions that wait
 // to be served from it. Made and owned by a CacheBlockList; used by the cache's workers, the I/O
@@ -90,8 +91,27 @@ class CacheBlock {
   // A holder that copies on its own thread: the address of the byte at `offset`, if the block has
   // all bytes from there to the end of the range, else null. REQUIRES: the list's lock.
   const char* LockForResidentRead(std::uint64_t offset, std::uint64_t size);
-  // As LockForResidentRead, without becoming a holder.
-  bool HoldsResident(std::uint64_t offset, std::uint64_t size);
+  // Whether it would, were it of this source and place; without becoming a holder, and without the
+  // list's lock.
+  bool HoldsResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size);
+  // Has `copy(address)` copy the range, in the block's lock, as a use of the block that is over
+  // when this returns. For few bytes: it takes half of what a hold takes. False if `copy` answers
+  // false, or was not called: the block does not hold all of the range, or its buffer must be
+  // locked to have an address. REQUIRES: the list's lock is not held.
+  template <typename Copy>
+  bool CopyResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
+                    std::uint32_t dueTime, Copy copy) {
+    const CacheTime now = CacheTime::Now();
+    bool mustSettle = false;
+    {
+      CritSecLock lock(group_->lock.get());
+      if (!hasFixedAddress_ || !HoldsOf(sourceKey, offset, size)) return false;
+      if (!copy(dataAddress_ + (offset - sourceOffset_))) return false;
+      if (lockCount_ == 0) mustSettle = Stamp(dueTime, now);
+    }
+    if (mustSettle) SettleIfFree();
+    return true;
+  }
   // The end of a hold; the due time (0: now) becomes the stamp, unless the block is wanted later by
   // up to an hour. True if the block became free: the cache has been told.
   bool Unlock(std::uint32_t dueTime);
@@ -132,6 +152,7 @@ class CacheBlock {
       ORVANE_REQUIRES(group_->lock);
   bool HasSeenWrites() const ORVANE_REQUIRES(group_->lock);
   void LockInner() ORVANE_REQUIRES(group_->lock);
+  void UnlockBuffer() ORVANE_REQUIRES(group_->lock);
   bool UnlockInner(const std::uint32_t* dueTime, const CacheTime* now);
   bool IsAttached(CacheTransaction* transaction, std::uint32_t generation)
       ORVANE_REQUIRES(group_->lock);
@@ -143,6 +164,13 @@ class CacheBlock {
   void GiveBackQueue() ORVANE_REQUIRES(group_->lock);
   void SetStamp(std::uint32_t dueTime, const CacheTime& now) ORVANE_REQUIRES(group_->lock);
   bool HoldsResidentLocked(std::uint64_t offset, std::uint64_t size) ORVANE_REQUIRES(group_->lock);
+  bool HoldsOf(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size)
+      ORVANE_REQUIRES(group_->lock) {
+    return sourceKey_ == sourceKey && offset - sourceOffset_ < capacity_ &&
+           HoldsResidentLocked(offset, size);
+  }
+  bool Stamp(std::uint32_t dueTime, const CacheTime& now) ORVANE_REQUIRES(group_->lock);
+  void SettleIfFree();
   void ServeEntry(const Entry& entry, const Content& content);
   void ServeTransaction(const Entry& entry, const Content& content);
   bool FailEntry(const Entry& entry);
@@ -172,18 +200,21 @@ class CacheBlock {
 
   // The group's lock, see above.
   std::unique_ptr<BlockQueue> queue_ ORVANE_GUARDED_BY(group_->lock);  // null: nobody waits
-  char* dataAddress_ ORVANE_GUARDED_BY(group_->lock) = nullptr;        // while locked
+  // Of the buffer while it is locked; always, if it is the same all the time.
+  char* dataAddress_ ORVANE_GUARDED_BY(group_->lock);
   std::uint64_t validBytes_ ORVANE_GUARDED_BY(group_->lock) = 0;
   std::uint64_t stamp_ ORVANE_GUARDED_BY(group_->lock) = 0;  // milliseconds, CacheTime
   std::uint64_t tie_ ORVANE_GUARDED_BY(group_->lock) = 0;    // microseconds, when the stamp was set
   std::int32_t lockCount_ ORVANE_GUARDED_BY(group_->lock) = 0;
   CacheSource::Result_t state_ ORVANE_GUARDED_BY(group_->lock) = CacheSource::kResultNone;
   std::uint32_t writesSeen_ ORVANE_GUARDED_BY(group_->lock) = 0;  // by the list, at the claim
+  const bool hasFixedAddress_;
+  bool isBufferLocked_ ORVANE_GUARDED_BY(group_->lock) = false;
   bool doomed_ ORVANE_GUARDED_BY(group_->lock) = false;
   // Not in the list's order: it must be put there when it is free.
-  bool parked_ ORVANE_GUARDED_BY(group_->lock) = false;
+  bool parked_ : 1 ORVANE_GUARDED_BY(group_->lock) = false;
   // The stamp is another than the one that it has in the order.
-  bool isRestamped_ ORVANE_GUARDED_BY(group_->lock) = false;
+  bool isRestamped_ : 1 ORVANE_GUARDED_BY(group_->lock) = false;
 };
 
 }  // namespace Orvane

@@ -203,15 +203,18 @@ void CacheBlockList::VisitBlocksOfRange(std::uint32_t sourceKey, std::uint64_t o
   }
 }
 
+CacheBlock* CacheBlockList::FindBlock(std::uint32_t sourceKey, std::uint64_t offset) {
+  Lock lock(this);
+  return index_.Find(sourceKey, offset - offset % blockSize_);
+}
+
 bool CacheBlockList::HoldsResident(std::uint32_t sourceKey, std::uint64_t offset,
                                    std::uint64_t size) {
   const std::uint64_t end = offset + size;
-  Lock lock(this);
   while (offset < end) {
-    const std::uint64_t place = offset - offset % blockSize_;
-    const std::uint64_t bytes = std::min(end - offset, blockSize_ - (offset - place));
-    CacheBlock* const block = index_.Find(sourceKey, place);
-    if (!block || !block->HoldsResident(offset, bytes)) return false;
+    const std::uint64_t bytes = std::min(end - offset, blockSize_ - offset % blockSize_);
+    CacheBlock* const block = FindBlock(sourceKey, offset);
+    if (!block || !block->HoldsResident(sourceKey, offset, bytes)) return false;
     offset += bytes;
   }
   return true;

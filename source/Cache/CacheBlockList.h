@@ -56,7 +56,10 @@ class CacheBlockList {
   void InvalidateWritten(CacheSource* source, std::uint64_t offset, std::uint64_t size);
   void Dump();
 
-  // Whether blocks hold the whole range.
+  // The block in the index for the place that `offset` is in, or null. It may hold something else
+  // as soon as this returns.
+  CacheBlock* FindBlock(std::uint32_t sourceKey, std::uint64_t offset);
+  // Whether blocks hold the whole range; each of them when it was looked at.
   bool HoldsResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size);
   // What one block has of a range, for its holder.
   struct ResidentPiece {

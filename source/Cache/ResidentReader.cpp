@@ -11,6 +11,9 @@
 namespace Orvane {
 namespace {
 
+// Of one block; more would keep others from the lock for too long.
+constexpr std::uint64_t kMostBytesInLock = 4096;
+
 // Blocks are held so many at a time: under one hold of the list's lock, without an allocation.
 constexpr std::size_t kHeldAtOnce = 16;
 
@@ -67,9 +70,13 @@ ResidentReader::ResidentReader(CacheBlockList* blocks, CacheStatistics* statisti
 
 bool ResidentReader::Read(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
                           Buffer* buffer, BufferList* list, std::uint32_t dueTime) {
+  const std::uint64_t blockSize = blocks_->GetBlockSize();
+  if (size <= kMostBytesInLock && offset % blockSize + size <= blockSize &&
+      ReadSmall(sourceKey, offset, size, buffer, list, dueTime)) {
+    return true;
+  }
   // Nothing is copied in vain for the lack of a block further on.
-  const bool isOneRun =
-      (offset % blocks_->GetBlockSize() + size - 1) / blocks_->GetBlockSize() < kHeldAtOnce;
+  const bool isOneRun = (offset % blockSize + size - 1) / blockSize < kHeldAtOnce;
   if (!isOneRun && !blocks_->HoldsResident(sourceKey, offset, size)) return false;
   std::uint64_t done = 0;
   std::size_t blocks = 0;
@@ -83,6 +90,15 @@ bool ResidentReader::Read(std::uint32_t sourceKey, std::uint64_t offset, std::ui
     blocks += holds.GetCount();
   }
   statistics_->Add(CacheStatistics::kHits, static_cast<std::uint32_t>(blocks));
+  return true;
+}
+
+bool ResidentReader::ReadSmall(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
+                               Buffer* buffer, BufferList* list, std::uint32_t dueTime) {
+  CacheBlock* const block = blocks_->FindBlock(sourceKey, offset);
+  const auto copy = [=](const char* data) { return Copy(data, size, 0, buffer, list); };
+  if (!block || !block->CopyResident(sourceKey, offset, size, dueTime, copy)) return false;
+  statistics_->Add(CacheStatistics::kHits, 1);
   return true;
 }
 

@@ -21,6 +21,9 @@ class ResidentReader {
             BufferList* list, std::uint32_t dueTime);
 
  private:
+  bool ReadSmall(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size, Buffer* buffer,
+                 BufferList* list, std::uint32_t dueTime);
+
   CacheBlockList* const blocks_;
   CacheStatistics* const statistics_;
 };

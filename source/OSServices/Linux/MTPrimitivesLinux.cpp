@@ -29,6 +29,22 @@ std::uint32_t* CountWord(std::atomic<std::uint64_t>* state) {
   return reinterpret_cast<std::uint32_t*>(state);
 }
 
+// None where nobody else can run meanwhile.
+int LooksBeforeSleep() {
+  constexpr int kLooks = 100;
+  static const int looks = sysconf(_SC_NPROCESSORS_ONLN) > 1 ? kLooks : 1;
+  return looks;
+}
+
+// Leaves the processor's units to others for a moment.
+void Pause() {
+#if defined(__x86_64__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
 timespec DeadlineIn(std::uint32_t timeoutMs) {
   timespec deadline{};
   clock_gettime(CLOCK_MONOTONIC, &deadline);
@@ -55,7 +71,13 @@ MTCritSecLinux::~MTCritSecLinux() {
   pthread_mutex_destroy(&mutex_);
 }
 
+// Sections are short: who finds one taken gets it sooner by waiting for it than by going to sleep,
+// unless its holder does not run.
 void MTCritSecLinux::Enter() {
+  for (int look = 0; look < LooksBeforeSleep(); ++look) {
+    if (pthread_mutex_trylock(&mutex_) == 0) return;
+    Pause();
+  }
   pthread_mutex_lock(&mutex_);
 }
 
