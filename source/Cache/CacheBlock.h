@@ -43,7 +43,7 @@ struct CacheTime;
 // list's: queued transactions are taken out first. Transactions are released through ReportScope.
 //
 // A large cache has its blocks all over memory, and whoever comes for one waits for each of its
-// cache lines: two of them are enough.
+// cache lines: so it takes as much room as two of them.
 class CacheBlock {
  public:
   // Takes a reference on the buffer.
