@@ -376,6 +376,43 @@ TEST_F(CacheBlockTest, TellsWhetherSomebodyServesTheQueueAlready) {
   EXPECT_TRUE(first.IsOver() && second.IsOver() && third.IsOver());
 }
 
+TEST_F(CacheBlockTest, BlocksOfOneGroupShareALockAndNotThoseThatWait) {
+  const AutoRelease<HeapBuffer> buffer(new HeapBuffer(kBlock));
+  CacheBlock other(group_.get(), buffer);
+  for (int round = 0; round < 2; ++round) {
+    Reader first(source_, 0, kBlock);
+    Reader second(source_, kBlock, kBlock);
+    Reader third(source_, 10, 20);
+    ASSERT_TRUE(block_->LockForReadInto(first));
+    ASSERT_TRUE(other.LockForReadInto(second));
+    ASSERT_TRUE(Attach(third));
+    EXPECT_EQ(2u, block_->GetNumberOfPendingTransactions());
+    EXPECT_EQ(1u, other.GetNumberOfPendingTransactions());
+    End(kBlock, CacheSource::kResultOK);
+    EXPECT_TRUE(other.HasReadingTransaction());
+    Serve();
+    EXPECT_EQ((Report{CacheSource::kResultOK, kBlock}), first.GetReport());
+    EXPECT_EQ((Report{CacheSource::kResultOK, 20}), third.GetReport());
+    EXPECT_FALSE(second.IsOver());
+    PutBytes(&other, contents_);
+    EXPECT_TRUE(other.CompleteReadInto(kBlock, CacheSource::kResultOK));
+    other.ProcessPendingTransactions(nullptr);
+    EXPECT_EQ((Report{CacheSource::kResultOK, kBlock}), second.GetReport());
+    EXPECT_EQ(contents_.substr(kBlock, kBlock), second.GetBytes(kBlock));
+  }
+}
+
+TEST_F(CacheBlockTest, AFreeBlockLeavesItsQueueToTheNextOfItsGroup) {
+  const AutoRelease<HeapBuffer> buffer(new HeapBuffer(kBlock));
+  CacheBlock other(group_.get(), buffer);
+  MakeValid();
+  Reader reader(source_, 0, kBlock);
+  const std::size_t before = AllocationCounter::Count();
+  ASSERT_TRUE(other.LockForReadInto(reader));
+  EXPECT_EQ(before, AllocationCounter::Count());
+  EXPECT_TRUE(other.CompleteReadInto(0, CacheSource::kResultFailed));
+}
+
 // Pre-reads.
 
 TEST_F(CacheBlockTest, PreReadOfAValidBlockCompletesAtOnceAndLeavesTheLockCount) {

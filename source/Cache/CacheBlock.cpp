@@ -511,6 +511,6 @@ void CacheBlock::DropEntry(const Entry& entry, const char* function) {
   ReportScope::Release(entry.transaction, kFile, function, __LINE__);
 }
 
-static_assert(sizeof(void*) > 8 || sizeof(CacheBlock) <= 128);
+static_assert(sizeof(CacheBlock) <= 128, "two cache lines");
 
 }  // namespace Orvane

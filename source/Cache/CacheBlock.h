@@ -44,7 +44,7 @@ class CacheTransaction;
 // list's: queued transactions are taken out first. Transactions are released through ReportScope.
 //
 // A large cache has its blocks all over memory, and whoever comes for one waits for each of its
-// cache lines: two of them are enough.
+// cache lines: so it takes as much room as two of them.
 class CacheBlock {
  public:
   // Takes a reference on the buffer.

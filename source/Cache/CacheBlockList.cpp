@@ -16,7 +16,7 @@ namespace {
 constexpr const char* kFile = "source/Cache/CacheBlockList";
 constexpr std::uint64_t kBehindAll = std::numeric_limits<std::uint64_t>::max();
 constexpr int kStepsUnderTheLock = 128;
-// So many blocks are never in use at once that two threads would often meet at a lock.
+// So few threads use blocks at once that two of them seldom meet at a lock.
 constexpr std::size_t kMostGroups = 256;
 // How much further a transaction looks for hits than it can read ahead by itself.
 constexpr std::uint64_t kLooksFurther = 256;
