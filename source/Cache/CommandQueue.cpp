@@ -13,14 +13,17 @@ namespace Orvane {
 namespace {
 
 // A command is fetched from memory while so many before it run: they were made in another order.
-constexpr std::size_t kFetchedAhead = 3;
+constexpr std::size_t kFetchedAhead = 8;
 
 // Goes over sorted entries and closes the gaps that those leave which are taken out.
 class Sieve {
  public:
   Sieve(CommandEntries* entries, std::size_t first)
       : entries_(entries), read_(first), written_(first) {}
-  ~Sieve() { entries_->resize(written_); }
+  ~Sieve() {
+    entries_->resize(written_);
+    ReleaseRoomIfEmpty(entries_);
+  }
   Sieve(const Sieve&) = delete;
   Sieve& operator=(const Sieve&) = delete;
 
