@@ -178,6 +178,22 @@ TEST_F(CommandProcessorTest, DueTimesStayInOrderAcrossTheWrapOfTheClock) {
   EXPECT_EQ((Lines{"run now", "end now", "run far ahead", "end far ahead"}), journal_.Get());
 }
 
+TEST_F(CommandProcessorTest, OneThatIsDueEarlierAndComesWhileOthersRunIsRunNext) {
+  Make();
+  processor_->Hold();
+  Add("first", 100, [this](TestCommand*) {
+    Add("late", 300);
+    Add("urgent", 50);
+    return true;
+  });
+  Add("second", 200);
+  processor_->Release();
+  ASSERT_TRUE(journal_.WaitFor("end late"));
+  EXPECT_EQ((Lines{"run first", "end first", "run urgent", "end urgent", "run second", "end second",
+                   "run late", "end late"}),
+            journal_.Get());
+}
+
 TEST_F(CommandProcessorTest, KindsRunInTheOrderInWhichTheyWereGiven) {
   Make({kCommandReserved, kCommandRead});
   processor_->Hold();

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "AllocationCounter.h"
 #include "Cache/Command.h"
 #include "MTInterface.h"
 #include "OrvaneTest.h"
@@ -126,6 +127,109 @@ TEST_F(CommandQueueTest, RemovingAsksInOrderAndLeavesTheRestInOrder) {
     expected.push_back(third.GetAsked()[static_cast<std::size_t>(k)]);
     if (k == 20) expected.push_back(50);
   }
+  EXPECT_EQ(expected, TakeAll());
+}
+
+TEST_F(CommandQueueTest, WhatComesWhileOthersAreTakenGoesToItsPlace) {
+  Add(1, 100);
+  Add(2, 300);
+  EXPECT_EQ(commands_[0].get(), queue_->RemoveFirst());
+  Add(3, 200);
+  Add(4, 50);
+  Add(5, 300);  // behind the one that is due at the same time
+  EXPECT_EQ((std::vector<int>{4, 3, 2, 5}), TakeAll());
+  EXPECT_TRUE(queue_->IsEmpty());
+}
+
+TEST_F(CommandQueueTest, ManyWithEqualDueTimesStayInTheOrderInWhichTheyCame) {
+  struct Due {
+    std::uint32_t time;
+    int name;
+  };
+  std::vector<Due> dues;
+  for (int name = 0; name < 1200; ++name) {
+    // Many that come late are due earlier than the first few, many later.
+    const auto time = static_cast<std::uint32_t>(name < 200 ? 100 + name % 5 : 90 + name % 30);
+    Add(name, time);
+    dues.push_back({time, name});
+    if (name == 199) {
+      EXPECT_EQ(commands_[0].get(), queue_->RemoveFirst());
+    }
+  }
+  dues.erase(dues.begin());
+  std::stable_sort(dues.begin(), dues.end(),
+                   [](const Due& a, const Due& b) { return a.time < b.time; });
+  std::vector<int> expected;
+  for (const Due& due : dues) expected.push_back(due.name);
+  EXPECT_EQ(expected, TakeAll());
+}
+
+TEST_F(CommandQueueTest, RemovingAsksThoseThatCameLateInOrderToo) {
+  for (int name = 0; name < 50; ++name) Add(name, static_cast<std::uint32_t>(name * 13 % 50));
+  EXPECT_EQ(commands_[0].get(), queue_->RemoveFirst());
+  for (int name = 50; name < 100; ++name) Add(name, static_cast<std::uint32_t>(name * 13 % 50));
+  NameFinder even([](int name) { return name % 2 == 0; });
+  queue_->RemoveAllMatching(&even);
+  ASSERT_EQ(99u, even.GetAsked().size());
+  EXPECT_TRUE(std::is_sorted(even.GetAsked().begin(), even.GetAsked().end(), [](int a, int b) {
+    return a * 13 % 50 != b * 13 % 50 ? a * 13 % 50 < b * 13 % 50 : a < b;
+  }));
+  std::vector<int> expected;
+  for (const int name : even.GetAsked()) {
+    if (name % 2 == 1) expected.push_back(name);
+  }
+  EXPECT_EQ(expected, TakeAll());
+}
+
+TEST_F(CommandQueueTest, TheFirstIsTakenOnlyIfItMatches) {
+  NameFinder two([](int name) { return name == 2; });
+  EXPECT_EQ(nullptr, queue_->RemoveFirstIf(&two));
+  Add(1, 100);
+  Add(2, 200);
+  EXPECT_EQ(nullptr, queue_->RemoveFirstIf(&two));
+  Add(2, 50);
+  EXPECT_EQ(commands_[2].get(), queue_->RemoveFirstIf(&two));
+  EXPECT_EQ(commands_[0].get(), queue_->RemoveFirst());
+  EXPECT_EQ(commands_[1].get(), queue_->RemoveFirstIf(&two));
+  EXPECT_EQ((std::vector<int>{1, 2, 2}), two.GetAsked());
+}
+
+TEST_F(CommandQueueTest, AnAddForWhichThereIsNoMemoryChangesNothing) {
+  Add(1, 100);
+  NamedCommand late(2, now_ + 50);
+  std::size_t added = 0;
+  bool happened = false;
+  while (!happened) {
+    AllocationFailure failure(1);
+    try {
+      queue_->Add(&late);
+      ++added;
+    } catch (const std::bad_alloc&) {
+      happened = true;
+    }
+  }
+  EXPECT_EQ(1 + added, queue_->GetCount());
+  Add(3, 10);
+  std::vector<int> expected(added, 2);
+  expected.insert(expected.begin(), 3);
+  expected.push_back(1);
+  EXPECT_EQ(expected, TakeAll());
+}
+
+TEST_F(CommandQueueTest, TakingNeedsNoMemory) {
+  std::vector<int> expected;
+  for (int name = 0; name < 500; ++name) {
+    Add(name, static_cast<std::uint32_t>((name + 250) % 500));
+    expected.push_back((name + 250) % 500);
+  }
+  Command* first = nullptr;
+  {
+    AllocationFailure failure(1);
+    first = queue_->RemoveFirst();
+    EXPECT_TRUE(failure.HasHappened());
+  }
+  EXPECT_EQ(commands_[250].get(), first);
+  expected.erase(expected.begin());
   EXPECT_EQ(expected, TakeAll());
 }
 

@@ -27,18 +27,16 @@ class CacheCommandFinder : public CommandFinder {
   const CacheSource* const source_;
 };
 
-// The first command of a kind that was not picked in this pass yet.
+// The first command of a kind.
 class CommandPicker : public SortedObjectFinder {
  public:
-  CommandPicker(std::uint32_t kind, std::uint64_t pass) : kind_(kind), pass_(pass) {}
+  explicit CommandPicker(std::uint32_t kind) : kind_(kind) {}
   bool Check(SortedObject* object) override {
-    auto* const command = static_cast<Command*>(object);
-    return command->GetKind() == kind_ && command->GetPass() < pass_;
+    return static_cast<Command*>(object)->GetKind() == kind_;
   }
 
  private:
   const std::uint32_t kind_;
-  const std::uint64_t pass_;
 };
 
 // Takes what a finder matches (all, without one) out of a queue and finishes it as cancelled, once

@@ -92,7 +92,7 @@ void CommandProcessor::RemoveMatching(CommandFinder* finder) {
   CommandRemover remover(finder);
   queue_.RemoveAllMatching(&remover);
   aside_.RemoveAllMatching(&remover);
-  SetAside(static_cast<std::uint32_t>(aside_.GetCount()));
+  NoteAside();
   remover.FinishRemoved();
 }
 
@@ -113,20 +113,19 @@ void CommandProcessor::Release() {
 }
 
 Command* CommandProcessor::TakeNext(CommandFinder* finder) {
-  Command* const next = queue_.GetFirst();
-  if (!next || !finder->Matches(next, next->GetKind())) return nullptr;
-  // Only the worker and those who hold the section take commands out, so it is there still; one
-  // that is due earlier may have come in front of it.
-  class Same : public SortedObjectFinder {
+  class Matching : public SortedObjectFinder {
    public:
-    explicit Same(SortedObject* sought) : sought_(sought) {}
-    bool Check(SortedObject* object) override { return object == sought_; }
+    explicit Matching(CommandFinder* finder) : finder_(finder) {}
+    bool Check(SortedObject* object) override {
+      auto* const command = static_cast<Command*>(object);
+      return finder_->Matches(command, command->GetKind());
+    }
 
    private:
-    SortedObject* const sought_;
+    CommandFinder* const finder_;
   };
-  Same same(next);
-  return queue_.FindAndRemove(&same);
+  Matching matching(finder);
+  return queue_.RemoveFirstIf(&matching);
 }
 
 std::uint64_t CommandProcessor::GetPass() {
@@ -140,10 +139,6 @@ void CommandProcessor::TerminateBody() {
 
 void CommandProcessor::RunPass(MTThread* thread) {
   Pass pass;
-  {
-    CritSecLock lock(section_.get());
-    pass.number = ++pass_;
-  }
   if (kindCount_ == 0) {
     RunNext(thread, nullptr, &pass);
   }
@@ -157,40 +152,41 @@ void CommandProcessor::RunPass(MTThread* thread) {
 
 // False when there is nothing more to run in this pass.
 bool CommandProcessor::RunNext(MTThread* thread, const std::uint32_t* kind, Pass* pass) {
-  if (thread->IsTerminating()) return false;
+  if (pass->isDrained || thread->IsTerminating()) return false;
   // Closes after the section was left and the command is gone.
   ReportScope scope;
   CritSecLock lock(section_.get());
+  if (pass->number == 0) pass->number = ++pass_;
   Command* const command = Pick(kind, *pass);
-  if (!command) return false;
   bool cancelled = false;
   // In the section still: what a command fails here is on its way to its caller when it is left,
   // and a cancel that comes then waits for it.
-  if (Run(thread, command, pass, &cancelled)) command->Finish(cancelled);
-  return true;
+  if (command && Run(thread, command, pass, &cancelled)) command->Finish(cancelled);
+  pass->isDrained = aside_.IsEmpty() && queue_.IsEmpty();
+  return command != nullptr;
 }
 
 // Those aside come before those of the same due time that came later.
 Command* CommandProcessor::Pick(const std::uint32_t* kind, const Pass& pass) {
-  Command* const aside = pass.triesAside ? aside_.GetFirst() : nullptr;
-  if (aside && aside->GetPass() < pass.number) {
+  const CommandEntry* const aside = pass.triesAside ? aside_.GetFirst() : nullptr;
+  if (aside && aside->command->GetPass() < pass.number) {
     const Command* const fresh = queue_.GetFirst();
-    if (!fresh || aside->sortKey_ <= fresh->sortKey_) {
-      aside_.RemoveFirst();
-      SetAside(static_cast<std::uint32_t>(aside_.GetCount()));
-      return aside;
+    if (!fresh || aside->key <= fresh->sortKey_) {
+      Command* const command = aside_.RemoveFirst();
+      NoteAside();
+      return command;
     }
   }
   if (!pass.triesAside && pass.number % kPassesPerLookFurther == 0 &&
-      pass.missingCount < pass.missing.size() && asideCount_->Get() > 1) {
+      pass.missingCount < pass.missing.size() && aside_.GetCount() > 1) {
     OtherWaiter other(&pass);
     if (Command* const command = aside_.FindAndRemove(&other)) {
-      SetAside(static_cast<std::uint32_t>(aside_.GetCount()));
+      NoteAside();
       return command;
     }
   }
   if (!kind) return queue_.RemoveFirst();
-  CommandPicker picker(*kind, pass.number);
+  CommandPicker picker(*kind);
   return queue_.FindAndRemove(&picker);
 }
 
@@ -225,12 +221,12 @@ bool CommandProcessor::PutAside(Command* command) {
   } catch (...) {
     return false;  // memory is short
   }
-  SetAside(static_cast<std::uint32_t>(aside_.GetCount()));
+  NoteAside();
   return true;
 }
 
-void CommandProcessor::SetAside(std::uint32_t count) {
-  AtomicExchange(asideCount_.get(), count);
+void CommandProcessor::NoteAside() {
+  AtomicExchange(asideCount_.get(), static_cast<std::uint32_t>(aside_.GetCount()));
 }
 
 }  // namespace Orvane

@@ -8,6 +8,7 @@
 
 #include "Cache/Command.h"
 #include "Cache/CommandFinders.h"
+#include "Cache/CommandHeap.h"
 #include "Cache/CommandQueue.h"
 #include "MTPrimitives.h"
 #include "OSServices/LockClass.h"
@@ -60,7 +61,8 @@ class CommandProcessor : public MTThreadBody {
  private:
   // What one pass has come to.
   struct Pass {
-    std::uint64_t number = 0;
+    std::uint64_t number = 0;  // 0 until its first command is sought
+    bool isDrained = false;  // nothing is queued nor aside: whoever adds something wakes the worker
     std::size_t commandsRun = 0;
     bool madeProgress = false;
     bool triesAside = true;
@@ -75,20 +77,19 @@ class CommandProcessor : public MTThreadBody {
   Command* Pick(const std::uint32_t* kind, const Pass& pass) ORVANE_REQUIRES(section_);
   bool Run(MTThread* thread, Command* command, Pass* pass, bool* cancelled)
       ORVANE_REQUIRES(section_);
-  bool PutAside(Command* command);
+  bool PutAside(Command* command) ORVANE_REQUIRES(section_);
   void RemoveMatching(CommandFinder* finder) ORVANE_REQUIRES(section_);
-  void SetAside(std::uint32_t count);
+  void NoteAside() ORVANE_REQUIRES(section_);
 
   // Set at construction.
   const std::unique_ptr<MTSemaphore> wake_;
   const std::unique_ptr<MTCritSec> section_;
-  const std::unique_ptr<MTAtomicUnsigned32> asideCount_;
+  const std::unique_ptr<MTAtomicUnsigned32> asideCount_;  // for those without the section
   std::unique_ptr<std::uint32_t[]> kinds_;
   std::size_t kindCount_;
 
-  CommandQueue queue_;  // not run yet
-  CommandQueue aside_;  // ran and answered false
-
+  CommandQueue queue_;                             // not run yet; taken from in the section
+  CommandHeap aside_ ORVANE_GUARDED_BY(section_);  // ran and answered false
   std::uint64_t pass_ ORVANE_GUARDED_BY(section_) = 0;
   bool goesOnAtOnce_ = false;  // the thread's: the last pass got further and left something
 

@@ -13,6 +13,8 @@ list(APPEND ORVANE_SOURCES
   Cache/CacheTransaction.cpp
   Cache/CacheTransactionWorkResultCallback.cpp
   Cache/CancelMutex.cpp
+  Cache/CommandEntry.cpp
+  Cache/CommandHeap.cpp
   Cache/CommandProcessor.cpp
   Cache/CommandQueue.cpp
   Cache/DispatchedReadCallback.cpp

@@ -14,7 +14,9 @@ ReportScope::ReportScope() : outermost_(!Open()) {
 }
 
 ReportScope::~ReportScope() {
-  if (outermost_) RunAll();
+  if (!outermost_) return;
+  if (first_ || releaseCount_ != 0) RunAll();
+  Open() = nullptr;
 }
 
 bool ReportScope::Defer(DeferredReport* report) {
@@ -65,14 +67,11 @@ ReportScope::LibrarysCode::~LibrarysCode() {
 }
 
 void ReportScope::RunAll() {
-  {
-    const CallersCode suspendThis;
-    while (first_ || releaseCount_ != 0) {
-      RunReleases();
-      RunReports();
-    }
+  const CallersCode suspendThis;
+  while (first_ || releaseCount_ != 0) {
+    RunReleases();
+    RunReports();
   }
-  Open() = nullptr;
 }
 
 void ReportScope::RunReports() {

@@ -130,8 +130,9 @@ bool MTSemaphoreLinux::TryTake() {
 bool MTSemaphoreLinux::WaitForOne(std::uint32_t timeoutMs) {
   if (TryTake()) return true;
   if (timeoutMs == 0) return false;
-  const timespec deadline = DeadlineIn(timeoutMs == kWithoutLimit ? 0 : timeoutMs);
-  const timespec* limit = timeoutMs == kWithoutLimit ? nullptr : &deadline;
+  const bool hasLimit = timeoutMs != kWithoutLimit;
+  const timespec deadline = hasLimit ? DeadlineIn(timeoutMs) : timespec{};
+  const timespec* limit = hasLimit ? &deadline : nullptr;
   state_.fetch_add(kOneWaiter);
   for (;;) {
     std::uint64_t state = state_.load(std::memory_order_relaxed);
