@@ -1,4 +1,5 @@
 // Asynchronous reads of what is in memory.
+#include <atomic>
 #include <memory>
 
 #include "AllocationCounter.h"
@@ -125,6 +126,22 @@ TEST_F(AsyncResidentReadTest, ACancelBeforeItsTurnReportsItBeforeItReturns) {
   EXPECT_FALSE(others.IsReported());
   busy.End();
   EXPECT_EQ((Report{CacheSource::kResultOK, 100}), others.GetReport());
+}
+
+TEST_F(AsyncResidentReadTest, ACancelWaitsForTheReportThatIsUnderWay) {
+  const std::unique_ptr<MTSemaphore> entered(MTInterface::NewSemaphore(1, 0));
+  std::atomic<bool> over{false};
+  AsyncRequest request(16);
+  request.OnReport([&](const Report&) {
+    entered->Release(1);
+    MTInterface::Sleep(50);
+    over = true;
+  });
+  ASSERT_EQ(CacheSource::kResultPending, request.Read(source_, 0));
+  ASSERT_TRUE(entered->Wait(5000, 1));
+  source_->Cancel();
+  EXPECT_TRUE(over);
+  EXPECT_EQ((Report{CacheSource::kResultOK, 16}), request.GetReport());
 }
 
 // The blocks stay: only the read is given up.

@@ -725,6 +725,45 @@ TEST_F(CacheBlockTest, ResidentReadersHoldTheBlock) {
   EXPECT_FALSE(IsBufferLocked());
 }
 
+TEST_F(CacheBlockTest, ASmallCopyIsAUseWithoutAHold) {
+  MakeValid();
+  std::string copied;
+  const auto copy = [&](const char* data) {
+    copied.assign(data, 20);
+    EXPECT_EQ(0, block_->GetLockCount());
+    return true;
+  };
+  const std::uint32_t due = MTInterface::GetCurrentTimeMilli() + 1000;
+  EXPECT_TRUE(block_->CopyResident(source_->GetSourceKey(), kBlock + 10, 20, due, copy));
+  EXPECT_EQ(contents_.substr(kBlock + 10, 20), copied);
+  EXPECT_EQ(due, static_cast<std::uint32_t>(block_->GetStamp()));
+  EXPECT_FALSE(IsBufferLocked());
+}
+
+TEST_F(CacheBlockTest, ACopyIsOfWhatTheBlockHoldsNow) {
+  MakeValid();
+  const auto never = [](const char*) {
+    ADD_FAILURE() << "copied";
+    return true;
+  };
+  const std::uint32_t key = source_->GetSourceKey();
+  EXPECT_FALSE(block_->CopyResident(key + 1, kBlock, 20, 0, never));
+  EXPECT_FALSE(block_->CopyResident(key, 0, 20, 0, never));
+  EXPECT_FALSE(block_->CopyResident(key, 2 * kBlock, 20, 0, never));
+  EXPECT_FALSE(block_->CopyResident(key, kBlock, kBlock + 1, 0, never));
+  block_->ReleaseBuffer();
+  EXPECT_FALSE(block_->CopyResident(key, kBlock, 20, 0, never));
+}
+
+TEST_F(CacheBlockTest, ACopyThatFailsIsNoUse) {
+  MakeValid();
+  const std::uint64_t stamp = block_->GetStamp();
+  const std::uint32_t due = MTInterface::GetCurrentTimeMilli() + 1000;
+  EXPECT_FALSE(block_->CopyResident(source_->GetSourceKey(), kBlock, 20, due,
+                                    [](const char*) { return false; }));
+  EXPECT_EQ(stamp, block_->GetStamp());
+}
+
 TEST_F(CacheBlockTest, ResidentReadersWaitForNoFill) {
   Reader reader(source_, 0, kBlock);
   ASSERT_TRUE(block_->LockForReadInto(reader));

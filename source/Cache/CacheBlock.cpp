@@ -326,26 +326,6 @@ void CacheBlock::RefuseMore() {
   Doom();
 }
 
-const char* CacheBlock::LockForResidentRead(std::uint64_t offset, std::uint64_t size) {
-  CritSecLock lock(group_->lock.get());
-  if (!HoldsResidentLocked(offset, size)) return nullptr;
-  LockInner();
-  if (isBufferLocked_) return dataAddress_ + (offset - sourceOffset_);
-  --lockCount_;  // nothing was locked
-  return nullptr;
-}
-
-bool CacheBlock::HoldsResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size) {
-  CritSecLock lock(group_->lock.get());
-  return HoldsOf(sourceKey, offset, size);
-}
-
-bool CacheBlock::HoldsResidentLocked(std::uint64_t offset, std::uint64_t size) {
-  if (!buffer_ || IsBeingFilled() || doomed_) return false;
-  if (state_ != CacheSource::kResultOK && state_ != CacheSource::kResultPartial) return false;
-  return offset - sourceOffset_ + size <= validBytes_;
-}
-
 bool CacheBlock::Unlock(std::uint32_t dueTime) {
   return UnlockInner(&dueTime, nullptr);
 }
@@ -389,6 +369,7 @@ void CacheBlock::ReleaseBuffer() {
   if (!buffer_) return;
   UnlockBuffer();
   lockCount_ = 0;
+  dataAddress_ = nullptr;
   buffer_->DecRef(kFile, "Orvane::CacheBlock::ReleaseBuffer", __LINE__);
   buffer_ = nullptr;
 }

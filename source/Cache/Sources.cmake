@@ -5,6 +5,7 @@ list(APPEND ORVANE_SOURCES
   Cache/Cache.cpp
   Cache/CacheBlock.cpp
   Cache/CacheBlockList.cpp
+  Cache/CacheBlockResident.cpp
   Cache/CacheCommands.cpp
   Cache/CacheParts.cpp
   Cache/CacheReaper.cpp
