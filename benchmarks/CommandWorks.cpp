@@ -67,20 +67,56 @@ class CommandRunner : public Runner {
   Orvane::CommandProcessor processor_;
 };
 
+// What the objects themselves cost, on one thread: made, run in the order of their due times, which
+// is known beforehand, and gone.
+class ObjectRunner : public Runner {
+ public:
+  explicit ObjectRunner(std::size_t count)
+      : finished_(Orvane::MTInterface::NewSemaphore(1, 0)), order_(count), commands_(count) {
+    std::iota(order_.begin(), order_.end(), std::size_t{0});
+    std::shuffle(order_.begin(), order_.end(), std::mt19937_64(3));
+  }
+
+  void Pass(LatencyHistogram*) override {
+    for (std::size_t done = 0; done < kCommands; done += order_.size()) {
+      left_ = order_.size();
+      for (const std::size_t place : order_) {
+        commands_[place] = new CountingCommand(0, &left_, finished_.get());
+      }
+      for (CountingCommand* const command : commands_) {
+        command->Execute();
+        command->Finish(/*cancelled=*/false);
+      }
+      finished_->Wait(0xFFFFFFFF, 1);
+    }
+  }
+
+ private:
+  const std::unique_ptr<Orvane::MTSemaphore> finished_;
+  std::vector<std::size_t> order_;
+  std::vector<CountingCommand*> commands_;
+  std::atomic<std::size_t> left_{0};
+};
+
 }  // namespace
 
 void AddCommandWorks(Suite* suite) {
   Work work{
       "growth: commands with shuffled due times, queued together", "commands", kCommands, {}, {}};
+  Work objects{
+      "growth: the same commands, in a known order without a queue", "commands", kCommands, {}, {}};
   const auto name = [](std::size_t queued) { return std::to_string(queued) + " queued"; };
   for (std::size_t queued = kCommands / 100; queued <= kCommands; queued *= 10) {
-    work.contenders.push_back({name(queued),
-                               [queued] { return std::make_unique<CommandRunner>(queued); },
-                               static_cast<double>(queued)});
+    const auto place = static_cast<double>(queued);
+    work.contenders.push_back(
+        {name(queued), [queued] { return std::make_unique<CommandRunner>(queued); }, place});
+    objects.contenders.push_back(
+        {name(queued), [queued] { return std::make_unique<ObjectRunner>(queued); }, place});
   }
   work.aims.push_back(
       {"P13", name(kCommands), {name(kCommands / 100)}, Measure::kTime, false, 1.5});
   suite->works.push_back(work);
+  suite->works.push_back(objects);
 }
 
 }  // namespace bench

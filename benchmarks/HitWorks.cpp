@@ -1,8 +1,11 @@
 // Reads of what is in memory, each peer in its own way.
 #include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <string>
 #include <thread>
 
+#include "BenchHost.h"
 #include "OrvaneRunners.h"
 #include "Peers.h"
 #include "Sizes.h"
@@ -94,6 +97,34 @@ Work BlockCacheWork(const TestFile& file, std::uint64_t blockBytes, bool half) {
   return work;
 }
 
+// What the memory of the machine gives to several threads: the same copies and nothing else.
+class CopyRunner : public Runner {
+ public:
+  CopyRunner(std::uint64_t workingSet, const Job& job, unsigned threads)
+      : job_(job), threads_(threads), memory_(workingSet, 1), targets_(job.itemBytes, threads) {}
+
+  void Pass(LatencyHistogram*) override {
+    std::vector<std::thread> others;
+    for (unsigned k = 1; k < threads_; ++k) others.emplace_back([this, k] { CopyShare(k); });
+    CopyShare(0);
+    for (std::thread& other : others) other.join();
+  }
+
+ private:
+  void CopyShare(unsigned thread) {
+    const std::size_t count = job_.offsets.size();
+    for (std::size_t k = count * thread / threads_; k < count * (thread + 1) / threads_; ++k) {
+      std::memcpy(targets_[thread], memory_[0] + job_.offsets[k], job_.itemBytes);
+      std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+  }
+
+  const Job job_;
+  const unsigned threads_;
+  const AlignedBlocks memory_;
+  const AlignedBlocks targets_;
+};
+
 Work ThreadWork(const TestFile& file, std::uint64_t readBytes) {
   const std::uint64_t workingSet = 64 * kMiB;
   Job job{file.GetName(), readBytes};
@@ -112,6 +143,9 @@ Work ThreadWork(const TestFile& file, std::uint64_t readBytes) {
     work.contenders.push_back({name(threads),
                                [ours, threads] { return NewOrvaneSync(ours, threads); },
                                static_cast<double>(threads)});
+    work.contenders.push_back({"memcpy, " + name(threads), [job, workingSet, threads] {
+                                 return std::make_unique<CopyRunner>(workingSet, job, threads);
+                               }});
     if (threads == 1) continue;
     work.aims.push_back({"P8",
                          name(threads),
