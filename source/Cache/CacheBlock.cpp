@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -12,6 +11,7 @@
 #include "Cache/CacheClock.h"
 #include "Cache/TransactionInternals.h"
 #include "OSServices/CritSecLock.h"
+#include "OSServices/PlainBuffer.h"
 #include "OSServices/ReportScope.h"
 
 namespace Orvane {
@@ -20,20 +20,13 @@ namespace {
 constexpr const char* kFile = "source/Cache/CacheBlock";
 constexpr std::uint64_t kKeptAheadMs = 3600000;
 
-// Of the library's own buffers, as they are: what is derived from them may do as it likes.
-char* FixedAddressOf(Buffer* buffer) {
-  const std::type_info& type = typeid(*buffer);
-  if (type != typeid(HeapBuffer) && type != typeid(BufferPartOfBuffer)) return nullptr;
-  return static_cast<char*>(buffer->GetAddress());
-}
-
 }  // namespace
 
 CacheBlock::CacheBlock(BlockGroup* group, Buffer* buffer)
     : group_(group),
       capacity_(buffer->GetSize()),
       buffer_(buffer),
-      dataAddress_(FixedAddressOf(buffer)),
+      dataAddress_(IsPlainBuffer(buffer) ? static_cast<char*>(buffer->GetAddress()) : nullptr),
       hasFixedAddress_(dataAddress_ != nullptr) {
   buffer_->AddRef(kFile, "Orvane::CacheBlock::CacheBlock", __LINE__);
 }

@@ -7,6 +7,7 @@
 #include "Cache/CacheBlockList.h"
 #include "Cache/CacheClock.h"
 #include "Cache/CacheStatistics.h"
+#include "OSServices/PlainBuffer.h"
 
 namespace Orvane {
 namespace {
@@ -44,18 +45,23 @@ class ResidentHolds {
   std::size_t count_ = 0;
 };
 
+// As much as there is room for behind `place`; answers how much that was, 0 if it failed.
+std::size_t CopySome(const char* data, std::uint64_t bytes, std::size_t place, Buffer* target) {
+  std::size_t moved = 0;
+  // CopyInto only reads the source.
+  const Buffer::BufferResult_t result =
+      target->CopyInto(const_cast<char*>(data), static_cast<std::size_t>(bytes), place, &moved);
+  return result == Buffer::kBufferOK ? moved : 0;
+}
+
 // To `place` of the buffer or list.
 bool Copy(const char* data, std::uint64_t bytes, std::uint64_t place, Buffer* buffer,
           BufferList* list) {
   while (bytes > 0) {
     std::size_t at = static_cast<std::size_t>(place);
     Buffer* const target = buffer ? buffer : list->GetBufferAtOffset(at, &at, nullptr);
-    std::size_t moved = 0;
-    if (!target) return false;
-    // CopyInto takes what there is room for; it only reads the source.
-    const Buffer::BufferResult_t result =
-        target->CopyInto(const_cast<char*>(data), static_cast<std::size_t>(bytes), at, &moved);
-    if (result != Buffer::kBufferOK || moved == 0) return false;
+    const std::size_t moved = target ? CopySome(data, bytes, at, target) : 0;
+    if (moved == 0) return false;
     data += moved;
     bytes -= moved;
     place += moved;
@@ -93,10 +99,13 @@ bool ResidentReader::Read(std::uint32_t sourceKey, std::uint64_t offset, std::ui
   return true;
 }
 
+// Into a plain buffer: nothing of an application's runs in the lock.
 bool ResidentReader::ReadSmall(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
                                Buffer* buffer, BufferList* list, std::uint32_t dueTime) {
+  Buffer* const target = buffer ? buffer : list->GetBuffer(0);
+  if (!target || target->GetSize() < size || !IsPlainBuffer(target)) return false;
   CacheBlock* const block = blocks_->FindBlock(sourceKey, offset);
-  const auto copy = [=](const char* data) { return Copy(data, size, 0, buffer, list); };
+  const auto copy = [=](const char* data) { return CopySome(data, size, 0, target) == size; };
   if (!block || !block->CopyResident(sourceKey, offset, size, dueTime, copy)) return false;
   statistics_->Add(CacheStatistics::kHits, 1);
   return true;

@@ -10,5 +10,6 @@ list(APPEND ORVANE_SOURCES
   OSServices/NativeFileSysInterface.cpp
   OSServices/OSServices.cpp
   OSServices/PhysMemInterface.cpp
+  OSServices/PlainBuffer.cpp
   OSServices/ReportScope.cpp
   OSServices/ScatterGatherManager.cpp)

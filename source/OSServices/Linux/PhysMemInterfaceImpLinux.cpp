@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "Buffer.h"
+#include "OSServices/HostFactories.h"
 #include "OSServicesHost.h"
 
 namespace Orvane {
@@ -63,6 +64,10 @@ Buffer* PhysMemInterfaceImpLinux::Allocate(std::uint64_t size) {
 
 std::uint64_t PhysMemInterfaceImpLinux::GetPageSize() {
   return pageSize_;
+}
+
+const std::type_info& GetHostPhysMemBufferType() {
+  return typeid(PhysMemBufferLinux);
 }
 
 }  // namespace Orvane

@@ -1,6 +1,7 @@
 #include <limits>
 
 #include "Buffer.h"
+#include "OSServices/HostFactories.h"
 #include "OSServices/Win/HostHeadersWin.h"
 #include "OSServicesHost.h"
 
@@ -62,6 +63,10 @@ Buffer* PhysMemInterfaceImpWin::Allocate(std::uint64_t size) {
 
 std::uint64_t PhysMemInterfaceImpWin::GetPageSize() {
   return pageSize;
+}
+
+const std::type_info& GetHostPhysMemBufferType() {
+  return typeid(PhysMemBufferWin);
 }
 
 }  // namespace Orvane
