@@ -16,6 +16,12 @@ namespace {
 constexpr std::uint64_t kOneWaiter = std::uint64_t{1} << 32;
 constexpr std::uint32_t kWithoutLimit = 0xFFFFFFFF;
 
+// Of a critical section.
+constexpr std::uint32_t kFree = 0;
+constexpr std::uint32_t kTaken = 1;
+constexpr std::uint32_t kTakenAndWanted = 2;
+constexpr pthread_t kNobody = 0;  // no thread has this number
+
 std::uint32_t CountOf(std::uint64_t state) {
   return static_cast<std::uint32_t>(state);
 }
@@ -31,7 +37,7 @@ std::uint32_t* CountWord(std::atomic<std::uint64_t>* state) {
 
 // None where nobody else can run meanwhile.
 int LooksBeforeSleep() {
-  constexpr int kLooks = 100;
+  constexpr int kLooks = 16;
   static const int looks = sysconf(_SC_NPROCESSORS_ONLN) > 1 ? kLooks : 1;
   return looks;
 }
@@ -59,30 +65,52 @@ timespec DeadlineIn(std::uint32_t timeoutMs) {
 
 }  // namespace
 
-MTCritSecLinux::MTCritSecLinux() {
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-  pthread_mutex_init(&mutex_, &attributes);
-  pthread_mutexattr_destroy(&attributes);
-}
+MTCritSecLinux::MTCritSecLinux() : state_(kFree), owner_(kNobody) {}
 
-MTCritSecLinux::~MTCritSecLinux() {
-  pthread_mutex_destroy(&mutex_);
+MTCritSecLinux::~MTCritSecLinux() = default;
+
+void MTCritSecLinux::Enter() {
+  const pthread_t self = pthread_self();
+  if (owner_.load(std::memory_order_relaxed) == self) {
+    ++depth_;
+    return;
+  }
+  std::uint32_t state = kFree;
+  if (!state_.compare_exchange_strong(state, kTaken, std::memory_order_acquire,
+                                      std::memory_order_relaxed)) {
+    EnterTaken();
+  }
+  owner_.store(self, std::memory_order_relaxed);
+  depth_ = 1;
 }
 
 // Sections are short: who finds one taken gets it sooner by waiting for it than by going to sleep,
 // unless its holder does not run.
-void MTCritSecLinux::Enter() {
+void MTCritSecLinux::EnterTaken() {
   for (int look = 0; look < LooksBeforeSleep(); ++look) {
-    if (pthread_mutex_trylock(&mutex_) == 0) return;
+    std::uint32_t state = kFree;
+    if (state_.load(std::memory_order_relaxed) == kFree &&
+        state_.compare_exchange_weak(state, kTaken, std::memory_order_acquire,
+                                     std::memory_order_relaxed)) {
+      return;
+    }
     Pause();
   }
-  pthread_mutex_lock(&mutex_);
+  // From here on it is left with a wake, needed or not: others may sleep too.
+  while (state_.exchange(kTakenAndWanted, std::memory_order_acquire) != kFree) {
+    syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&state_), FUTEX_WAIT_PRIVATE,
+            kTakenAndWanted, nullptr, nullptr, 0);
+  }
 }
 
 void MTCritSecLinux::Leave() {
-  pthread_mutex_unlock(&mutex_);
+  if (--depth_ > 0) return;
+  owner_.store(kNobody, std::memory_order_relaxed);
+  if (state_.exchange(kFree, std::memory_order_release) == kTakenAndWanted) {
+    // A wake on an address that is something else by now is a spurious one there.
+    syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&state_), FUTEX_WAKE_PRIVATE, 1, nullptr,
+            nullptr, 0);
+  }
 }
 
 MTSemaphoreLinux::MTSemaphoreLinux(std::uint32_t maxCount, std::uint32_t initialCount)

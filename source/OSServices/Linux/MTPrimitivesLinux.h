@@ -1,4 +1,4 @@
-// The primitives of Linux: a recursive POSIX mutex, a semaphore over a futex, and the compiler's
+// The primitives of Linux: a recursive lock and a semaphore over a futex each, and the compiler's
 // atomics. Differences from the other host: none that callers see.
 #pragma once
 
@@ -11,17 +11,24 @@
 
 namespace Orvane {
 
+// A word that is the futex, and who is inside how often. Free, it is entered and left with one
+// atomic operation each. Leave touches the object in no way after that, so who enters next may
+// delete it.
 class MTCritSecLinux : public MTCritSec {
  public:
   MTCritSecLinux();
   ~MTCritSecLinux() override;
 
-  // The analysis knows the section, not the mutex inside it.
+  // The analysis knows the section, not what is inside it.
   void Enter() override ORVANE_NO_THREAD_SAFETY_ANALYSIS;
   void Leave() override ORVANE_NO_THREAD_SAFETY_ANALYSIS;
 
  private:
-  pthread_mutex_t mutex_;
+  void EnterTaken();
+
+  std::atomic<std::uint32_t> state_;
+  std::atomic<pthread_t> owner_;  // only that thread finds itself here
+  std::uint32_t depth_ = 0;       // the owner's
 };
 
 // One 64-bit word: the count in the low half, which is also the futex, the number of sleeping
