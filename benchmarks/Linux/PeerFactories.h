@@ -13,6 +13,7 @@ std::unique_ptr<Runner> NewRingPeer(const Job& job);
 std::unique_ptr<Runner> NewLibuvPeer(const Job& job);
 std::unique_ptr<Runner> NewAsioPeer(const Job& job);
 std::unique_ptr<Runner> NewPreadPeer(const Job& job);
+std::unique_ptr<Runner> NewOtherThreadPeer(const Job& job);
 std::unique_ptr<Runner> NewLibuvSyncPeer(const Job& job);
 std::unique_ptr<Runner> NewAsioSyncPeer(const Job& job);
 

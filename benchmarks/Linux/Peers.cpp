@@ -10,6 +10,7 @@ std::vector<Peer> GetPeers(PeerKind kind) {
       return {{"io_uring", &NewRingPeer}, {"libuv", &NewLibuvPeer}, {"Boost.Asio", &NewAsioPeer}};
     case PeerKind::kSync:
       return {{"pread, O_DIRECT", &NewPreadPeer},
+              {"pread on another thread", &NewOtherThreadPeer},
               {"libuv, blocking call", &NewLibuvSyncPeer},
               {"Boost.Asio, blocking call", &NewAsioSyncPeer},
               {"libuv", &NewLibuvPeer},

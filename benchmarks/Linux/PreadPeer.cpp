@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <semaphore>
+#include <thread>
 
 #include "../BenchHost.h"
 #include "../ItemQueue.h"
@@ -19,13 +21,15 @@ class PreadPeer : public Runner {
       : name_(name), job_(job), file_(name, job, pageCache), memory_(job, 1) {}
 
   void Pass(LatencyHistogram* latencies) override {
-    MoveOneByOne(name_, job_, latencies, [this](std::uint64_t offset) {
-      const ssize_t moved = Move(static_cast<off_t>(offset));
-      return static_cast<std::int64_t>(moved < 0 ? -errno : moved);
-    });
+    MoveOneByOne(name_, job_, latencies, [this](std::uint64_t offset) { return Do(offset); });
   }
 
  protected:
+  virtual std::int64_t Do(std::uint64_t offset) {
+    const ssize_t moved = Move(static_cast<off_t>(offset));
+    return moved < 0 ? -errno : moved;
+  }
+
   ssize_t Move(off_t offset) {
     const iovec* const pieces = memory_.GetPieces(0);
     const int count = memory_.GetPieceCount();
@@ -44,6 +48,43 @@ class PreadPeer : public Runner {
   const ItemMemory memory_;
 };
 
+// What it takes to have another thread do it: there and back, and nothing else.
+class OtherThreadPeer : public PreadPeer {
+ public:
+  explicit OtherThreadPeer(const Job& job)
+      : PreadPeer("pread on another thread", job, PageCache::kBypassed),
+        thread_([this] { Serve(); }) {}
+
+  ~OtherThreadPeer() override {
+    over_ = true;
+    go_.release();
+    thread_.join();
+  }
+
+ private:
+  std::int64_t Do(std::uint64_t offset) override {
+    offset_ = offset;
+    go_.release();
+    done_.acquire();
+    return moved_;
+  }
+
+  void Serve() {
+    for (go_.acquire(); !over_; go_.acquire()) {
+      moved_ = PreadPeer::Do(offset_);
+      done_.release();
+    }
+  }
+
+  // Each is written by the one who hands over.
+  std::uint64_t offset_ = 0;
+  std::int64_t moved_ = 0;
+  bool over_ = false;
+  std::binary_semaphore go_{0};
+  std::binary_semaphore done_{0};
+  std::thread thread_;  // last: it uses the others
+};
+
 // The kernel reads ahead by itself, further for those who say that they read in order.
 class ColdPreadPeer : public PreadPeer {
  public:
@@ -58,6 +99,10 @@ class ColdPreadPeer : public PreadPeer {
 
 std::unique_ptr<Runner> NewPreadPeer(const Job& job) {
   return std::make_unique<PreadPeer>("pread, O_DIRECT", job, PageCache::kBypassed);
+}
+
+std::unique_ptr<Runner> NewOtherThreadPeer(const Job& job) {
+  return std::make_unique<OtherThreadPeer>(job);
 }
 
 std::unique_ptr<Runner> NewBufferedPreadPeer(const Job& job) {
