@@ -45,6 +45,10 @@ install(FILES
 file(RELATIVE_PATH ORVANE_PC_PREFIX
   "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" ORVANE_PC_PREFIX "${ORVANE_PC_PREFIX}")
+set(ORVANE_PC_STATIC libOrvane.a)
+if(MSVC)
+  set(ORVANE_PC_STATIC OrvaneStatic.lib)
+endif()
 set(ORVANE_PC_REQUIRES)
 set(ORVANE_PC_LIBS)
 if(ORVANE_HOST STREQUAL "Linux")
