@@ -29,7 +29,9 @@ only_public_on_linux=(
 )
 only_public_on_windows=(
   AsyncPort::GetCounts # two kinds of calls move data; tests ask which was used
+  HostFile::OpeningFor # the other host decides while it opens
   HostFile::GetHandle
+  HostFile::GetSize # asked beforehand: the host has no number for some offsets
   OutcomeForHostError # the error and the count are two numbers
   StartedForHostError # a start may fail by itself
 )
