@@ -39,12 +39,18 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/OrvaneConfigVersion.cmake
 install(FILES
   ${PROJECT_BINARY_DIR}/OrvaneConfig.cmake
   ${PROJECT_BINARY_DIR}/OrvaneConfigVersion.cmake
+  ${PROJECT_SOURCE_DIR}/cmake/OrvaneUtf8.cmake
   DESTINATION ${ORVANE_PACKAGE_DIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/cmake/utf8 DESTINATION ${ORVANE_PACKAGE_DIR})
 
 # The prefix is found from where the file lies, so an installed tree can be moved.
 file(RELATIVE_PATH ORVANE_PC_PREFIX
   "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" ORVANE_PC_PREFIX "${ORVANE_PC_PREFIX}")
+set(ORVANE_PC_STATIC libOrvane.a)
+if(MSVC)
+  set(ORVANE_PC_STATIC OrvaneStatic.lib)
+endif()
 set(ORVANE_PC_REQUIRES)
 set(ORVANE_PC_LIBS)
 if(ORVANE_HOST STREQUAL "Linux")

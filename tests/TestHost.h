@@ -32,8 +32,8 @@ std::uint64_t GetAvailableMemory();
 // Whether this process has the file open.
 bool IsOpenHere(const std::string& path);
 
-// Whether a file that is made longer takes no more room.
-bool HasSparseFiles();
+// Has an existing file take no more room where it is made longer. False where the host cannot.
+bool MakeSparse(const std::string& path);
 
 // Names of files that something between the library and the disk might take for something else.
 std::vector<std::string> GetOddFileNames();

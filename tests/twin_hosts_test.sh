@@ -25,13 +25,28 @@ only_public_on_linux=(
   HostFile::GetDescriptor # the host's word for a handle
   OutcomeForHostResult    # one number is the error or the count
   ToHostVector            # runs of memory; the other host takes pages
-  MTThread::Terminate     # joins: what has ended is kept until somebody asks
+  MTThread::Terminate # joins: what has ended is kept until somebody asks
 )
 only_public_on_windows=(
   AsyncPort::GetCounts # two kinds of calls move data; tests ask which was used
+  HostFile::OpeningFor # the other host decides while it opens
   HostFile::GetHandle
+  HostFile::GetSize # asked beforehand: the host has no number for some offsets
   OutcomeForHostError # the error and the count are two numbers
   StartedForHostError # a start may fail by itself
+)
+
+# Other members that only one host defines.
+only_defined_on_linux=(
+  AsyncPort::MakeRing AsyncPort::TryTransfer # a ring has to be had first
+  AsyncPort::GetEntry AsyncPort::TakeEntry AsyncPort::SubmitAndSleep # and is filled and emptied
+  AsyncPort::QueueTransfer AsyncPort::QueueWakeRead # by entries
+  MTSemaphore::TryTake MTSemaphore::WaitForOne # the other host has these
+  MTThread::ApplyAffinity MTThread::ApplyPriority MTThread::LetGoOfThread # steps of a longer way
+)
+only_defined_on_windows=(
+  AsyncPort::Start AsyncPort::TakeSlot # one call each, of the host
+  MTSemaphore::~MTSemaphore # a handle to close
 )
 
 files_of() { # host, and files that are left out
@@ -67,7 +82,10 @@ public_functions() { # header host
 # The functions that a source file defines outside of classes, in their order.
 defined_functions() { # file host
   sed -E "s/Uring$2/$2/g; s/$2([^a-z]|\$)/\\1/g" "$1" | awk '
-    /^(namespace|class|struct|using|constexpr|const|static|extern|template|#|\/\/)/ { next }
+    /^(namespace|class|struct|using|#|\/\/)/ { next }
+    { sub(/^template <.*> /, "") }
+    # A constant has its value or its semicolon on the line.
+    /^[^(]*=/ || /;$/ { next }
     /^[A-Za-z].*\(/ {
       text = $0
       sub(/\(.*/, "", text)
@@ -75,6 +93,9 @@ defined_functions() { # file host
       if (text ~ /^[A-Za-z:~0-9]+$/) print text
     }'
 }
+
+# What of these functions belongs to a class.
+members() { grep :: | sort -u; }
 
 without() { # lines
   grep -Fxv -f <(printf '%s\n' "$@")
@@ -104,6 +125,9 @@ same_functions() {
     linux=$(defined_functions "$services/Linux/$(linux_name "$name")Linux.cpp" Linux)
     windows=$(defined_functions "$file" Win)
     check "$name.cpp: defines functions" test -n "$windows"
+    equal "$name.cpp: both define the same members" \
+      "$(members <<<"$linux" | without "${only_public_on_linux[@]}" "${only_defined_on_linux[@]}")" \
+      "$(members <<<"$windows" | without "${only_public_on_windows[@]}" "${only_defined_on_windows[@]}")"
     equal "$name.cpp: what both define is in the same order" "$(in_both "$linux" "$windows")" \
       "$(in_both "$windows" "$linux")"
   done
@@ -123,8 +147,10 @@ differences_are_told() {
 
 # Which host it is, the build says by choosing the folder.
 no_conditionals() {
+  local conditionals='_WIN32|_WIN64|WIN32_LEAN|__linux|__gnu_linux|__unix|__APPLE|__ANDROID|__FreeBSD'
+  conditionals="$conditionals|__MINGW|_MSC_VER|__CYGWIN|__GLIBC__|__has_include"
   equal 'no question for the host outside of the host folders and Export.h' '' "$(
-    grep -rnE '_WIN32|_WIN64|WIN32_LEAN|__linux|__unix|__MINGW|_MSC_VER|__CYGWIN' \
+    grep -rnE "$conditionals" \
       source public_include tools tests benchmarks examples --include='*.h' --include='*.cpp' |
       grep -vE '/(Linux|Win)/|^public_include/Export.h:'
   )"

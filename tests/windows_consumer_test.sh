@@ -51,6 +51,54 @@ for kind in static shared; do
   done
 done
 
+# What the library throws is caught, and with the package's manifest names are UTF-8.
+exceptions_and_names() { # kind shared
+  local folder=$work/caught-$1 output name='Größe 文件.txt'
+  mkdir -p "$folder"
+  cat >"$folder/CMakeLists.txt" <<'END'
+cmake_minimum_required(VERSION 3.25)
+project(caught LANGUAGES CXX)
+find_package(Orvane REQUIRED)
+add_executable(caught caught.cpp)
+target_link_libraries(caught PRIVATE Orvane::Orvane)
+orvane_use_utf8(caught)
+END
+  cat >"$folder/caught.cpp" <<'END'
+#include <iostream>
+
+#include "Orvane.h"
+
+int main(int argc, char** argv) {
+  if (argc < 2) return 2;
+  Orvane::OSServices::Init();
+  try {
+    Orvane::OSServices::Init();
+  } catch (const char* text) {
+    std::cout << "caught: " << text << '\n';
+  }
+  auto* const file = Orvane::NativeFileSysInterface::NewNativeFileSource(argv[1]);
+  file->Open(/*forRead=*/true, /*forWrite=*/false, /*create=*/false);
+  auto* const block = Orvane::PhysMemInterface::Allocate(4096);
+  std::uint64_t bytes = 0;
+  file->Read(/*offset=*/0, block, &bytes);
+  std::cout << bytes << " bytes\n";
+  block->DecRef(__FILE__, __func__, __LINE__);
+  file->DecRef(__FILE__, __func__, __LINE__);
+}
+END
+  check "$1: configure a program that catches" cmake -S "$folder" -B "$folder/build" -G Ninja \
+    -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/mingw-w64.cmake" \
+    -DCMAKE_FIND_ROOT_PATH="$prefix" -DBUILD_SHARED_LIBS="$2" -DCMAKE_BUILD_TYPE=Release
+  check "$1: build it" cmake --build "$folder/build"
+  [ "$1" = static ] || cp "$prefix"/bin/*.dll "$folder/build"
+  printf 'seven..' >"$work/$name"
+  output=$("$root/scripts/wine" "$folder/build/caught.exe" "$name" 2>&1 | tr -d '\r')
+  contains "$1: what the library throws arrives" 'caught: OSServices Already Initialized' "$output"
+  contains "$1: with the manifest of the package, a name is UTF-8" '7 bytes' "$output"
+}
+exceptions_and_names static OFF
+exceptions_and_names shared ON
+
 # The program of docs/SIMULATION.md finds its mistake; with the line that the page prints it has none.
 simulator() {
   local folder=$work/simulator output

@@ -183,11 +183,14 @@ bool RequireWritable(const std::string& file) {
   if (create) {
     const std::string noParent = NoParent(file);
     if (!noParent.empty()) throw CannotWrite(file, noParent);
+    fault = CreateNewFile(file);
+    if (fault) throw CannotWrite(file, fault.message());
+    return true;
   }
   errno = 0;
-  const StandardFile opened(std::fopen(file.c_str(), create ? "wbx" : "r+b"));
+  const StandardFile opened(std::fopen(file.c_str(), "r+b"));
   if (!opened) throw CannotWrite(file, CauseOf(errno));
-  return create;
+  return false;
 }
 
 void ResizeFile(const std::string& file, std::uint64_t bytes) {

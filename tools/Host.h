@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <system_error>
 
 namespace OrvaneTool {
 
@@ -21,6 +22,10 @@ unsigned TerminalColumns();
 
 // The path of a file named as on the command line: as the library and the C library take it.
 std::filesystem::path ToPath(const std::string& file);
+
+// Makes an empty file where nothing has that name; else nothing is touched. Answers the fault, if
+// any.
+std::error_code CreateNewFile(const std::string& file);
 
 // Bytes of main memory; 0 when unknown.
 std::uint64_t PhysicalMemoryBytes();

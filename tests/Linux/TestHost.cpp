@@ -74,7 +74,7 @@ bool IsOpenHere(const std::string& path) {
   return StateOfDescriptorOn(std::filesystem::weakly_canonical(path).string()).found;
 }
 
-bool HasSparseFiles() {
+bool MakeSparse(const std::string&) {
   return true;
 }
 

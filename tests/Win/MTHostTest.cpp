@@ -1,4 +1,5 @@
 // What threads get from this host: priorities, processors, an end without remains.
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <iterator>
@@ -8,6 +9,7 @@
 #include "MTInterface.h"
 #include "OSServices/Win/MTThreadWin.h"
 #include "OrvaneTest.h"
+#include "TestHost.h"
 
 namespace Orvane {
 namespace {
@@ -63,6 +65,39 @@ TEST_F(MTHostTest, AThreadRunsWithTheHostPriorityOfItsPriority) {
   for (const MTThread::MTPriority priority : kLowToHigh) {
     EXPECT_EQ(HostPriority(priority), HostPriorityOf(priority)) << priority;
   }
+}
+
+// Ends at once, and says at the very end of its thread which priority it had.
+class HastyBody : public MTThreadBody {
+ public:
+  explicit HastyBody(std::function<void(int)> last) : last_(std::move(last)) {}
+
+ protected:
+  void TerminateBody() override {}
+  void ThreadMain(MTThread*) override {
+    CallAtEndOfThread([last = last_] { last(GetThreadPriority(GetCurrentThread())); });
+  }
+
+ private:
+  const std::function<void(int)> last_;
+};
+
+TEST_F(MTHostTest, AThreadThatEndsAtOnceStillGetsItsPriority) {
+  constexpr int kThreads = 2000;  // few of them meet the moment
+  std::atomic<int> ended{0};
+  std::atomic<int> highest{0};
+  HastyBody body([&](int priority) {
+    if (priority == HostPriority(MTThread::kPriorityHighest)) ++highest;
+    ++ended;
+  });
+  for (int i = 0; i < kThreads; ++i) {
+    const std::unique_ptr<MTThread> thread(
+        MTInterface::NewThread(&body, MTThread::kPriorityHighest, MTThread::kProcessorAny));
+    EXPECT_TRUE(thread->Terminate(kForEver));
+  }
+  for (int wait = 0; ended < kThreads && wait < 6000; ++wait) MTInterface::Sleep(5);
+  EXPECT_EQ(kThreads, ended);
+  EXPECT_EQ(kThreads, highest);
 }
 
 TEST_F(MTHostTest, APriorityOutsideTheListIsNormal) {

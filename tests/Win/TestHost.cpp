@@ -8,6 +8,9 @@
 
 #include "OSServices/Win/HostHeadersWin.h"
 
+// Behind that one, whose names it takes.
+#include <winioctl.h>
+
 namespace Orvane {
 namespace {
 
@@ -96,9 +99,13 @@ bool IsOpenHere(const std::string& path) {
   return !alone.IsGood() && GetLastError() == ERROR_SHARING_VIOLATION;
 }
 
-// Only those that were declared so.
-bool HasSparseFiles() {
-  return false;
+bool MakeSparse(const std::string& path) {
+  const Handle file(CreateFileA(path.c_str(), GENERIC_WRITE,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                OPEN_EXISTING, 0, nullptr));
+  DWORD bytes = 0;
+  return file.IsGood() && DeviceIoControl(file.Get(), FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0,
+                                          &bytes, nullptr) != 0;
 }
 
 // Without the characters that the host keeps for itself, and without a space or dot at the end,

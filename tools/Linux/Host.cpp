@@ -1,10 +1,12 @@
 #include "Host.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 
 namespace OrvaneTool {
 namespace {
@@ -50,6 +52,13 @@ unsigned TerminalColumns() {
 
 std::filesystem::path ToPath(const std::string& file) {
   return file;
+}
+
+std::error_code CreateNewFile(const std::string& file) {
+  const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (descriptor < 0) return {errno, std::generic_category()};
+  close(descriptor);
+  return {};
 }
 
 std::uint64_t PhysicalMemoryBytes() {

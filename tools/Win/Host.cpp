@@ -59,6 +59,18 @@ std::filesystem::path ToPath(const std::string& file) {
   return wide;
 }
 
+// The C library of mingw-w64 has no mode for this: it ignores the 'x' of fopen.
+std::error_code CreateNewFile(const std::string& file) {
+  const HANDLE handle =
+      CreateFileW(ToPath(file).c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                  CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    return {static_cast<int>(GetLastError()), std::system_category()};
+  }
+  CloseHandle(handle);
+  return {};
+}
+
 std::uint64_t PhysicalMemoryBytes() {
   MEMORYSTATUSEX status = {};
   status.dwLength = sizeof status;

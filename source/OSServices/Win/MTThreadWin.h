@@ -8,7 +8,9 @@
 
 namespace Orvane {
 
-// Made by MTInterfaceImpWin::NewThread, owned by its caller. The host's thread does not end before
+// Made by MTInterfaceImpWin::NewThread, owned by its caller. The I/O thread is one too: it is asked
+// for through MTInterface like any other, and so begins with _beginthread as they do, so that
+// threads which an application supplies serve it as well. The host's thread does not end before
 // affinity and priority have been set: its handle would be closed, and could be somebody else's by
 // then. Once the body is done it uses nothing of this object. Differences from the other host:
 // there the thread is joined before the object goes.
