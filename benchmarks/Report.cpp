@@ -105,7 +105,8 @@ nlohmann::json ToJson(const ContenderResult& contender) {
                       {"latency_micros", nlohmann::json::object()},
                       {"latency_bins", nlohmann::json::array()},
                       {"error", contender.error}};
-  if (!contender.latencies || contender.latencies->GetCount() == 0) return json;
+  // Without bins where the times of single items are not taken.
+  if (!contender.latencies) return json;
   json["latency_micros"] = {{"p50", contender.latencies->GetQuantile(0.5)},
                             {"p99", contender.latencies->GetQuantile(0.99)},
                             {"p999", contender.latencies->GetQuantile(0.999)}};
