@@ -42,11 +42,13 @@ only_defined_on_linux=(
   AsyncPort::GetEntry AsyncPort::TakeEntry AsyncPort::SubmitAndSleep # and is filled and emptied
   AsyncPort::QueueTransfer AsyncPort::QueueWakeRead # by entries
   MTSemaphore::TryTake MTSemaphore::WaitForOne # the other host has these
+  MTCritSec::EnterTaken # a word to sleep on; the other host has the whole section
   MTThread::ApplyAffinity MTThread::ApplyPriority MTThread::LetGoOfThread # steps of a longer way
 )
 only_defined_on_windows=(
   AsyncPort::Start AsyncPort::TakeSlot # one call each, of the host
   MTSemaphore::~MTSemaphore # a handle to close
+  MTCritSec::~MTCritSec # and a section
 )
 
 files_of() { # host, and files that are left out
