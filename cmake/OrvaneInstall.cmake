@@ -6,7 +6,10 @@ include(CMakePackageConfigHelpers)
 set(ORVANE_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Orvane)
 
 # One export per library: who links the shared one needs none of the static one's dependencies.
-set(kinds Static Shared)
+set(kinds Static)
+if(ORVANE_BUILD_SHARED)
+  list(APPEND kinds Shared)
+endif()
 if(ORVANE_BUILD_SIMULATOR)
   list(APPEND kinds Simulator)
 endif()
