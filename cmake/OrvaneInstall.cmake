@@ -60,7 +60,11 @@ if(ORVANE_HOST STREQUAL "Linux")
   set(ORVANE_PC_REQUIRES liburing)
   set(ORVANE_PC_LIBS -pthread)
 endif()
-foreach(package IN ITEMS orvane orvane-static)
+set(packages orvane-static)
+if(ORVANE_BUILD_SHARED)
+  list(APPEND packages orvane)
+endif()
+foreach(package IN LISTS packages)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${package}.pc.in
     ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${package}.pc

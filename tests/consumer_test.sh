@@ -94,6 +94,20 @@ PROJECT
 # shellcheck disable=SC2317
 fails() { ! "$@"; }
 
+# As a build without the shared library installs it, but for the library.
+static_alone() {
+  cp -a "$prefix" alone
+  find alone -name 'OrvaneSharedTargets*.cmake' -delete
+  check 'CMake, without the shared library: configure' \
+    cmake -S "$root/examples" -B alone/static -G Ninja -DCMAKE_PREFIX_PATH="$work/alone"
+  check 'CMake, without the shared library: BUILD_SHARED_LIBS is refused' fails \
+    cmake -S "$root/examples" -B alone/shared -G Ninja -DCMAKE_PREFIX_PATH="$work/alone" \
+    -DBUILD_SHARED_LIBS=ON
+  contains 'CMake, without the shared library: ... and says why' \
+    'it was built without the shared library' \
+    "$(cmake alone/shared -DBUILD_SHARED_LIBS=ON 2>&1 | tr -s ' \n' ' ')"
+}
+
 # As a folder of another project.
 as_subfolder() {
   mkdir -p subfolder
@@ -166,6 +180,7 @@ check 'headers lie flat' test -z "$(find "$prefix/include/Orvane" -mindepth 1 -t
 through_cmake static OFF
 through_cmake shared ON
 named_targets
+static_alone
 as_subfolder
 if [ -n "$(find "$prefix" -name OrvaneSimulatorTargets.cmake)" ]; then
   simulator
