@@ -132,8 +132,12 @@ class ORVANE_EXPORT Cache : public SharedObject {
   // with nothing to be relied on in the memory, otherwise.
   bool ReadResident(CacheSource* source, std::uint64_t offset, Buffer* buffer, BufferList* list,
                     std::uint64_t size, std::uint32_t dueTime);
-  // Whether ReadResident would, now.
-  bool HoldsResident(CacheSource* source, std::uint64_t offset, std::uint64_t size);
+  // Whether ReadResident would, now. The number is for WasForgotten.
+  bool HoldsResident(CacheSource* source, std::uint64_t offset, std::uint64_t size,
+                     std::uint32_t* number);
+  // Whether blocks of the range were invalidated after HoldsResident gave the number.
+  bool WasForgotten(CacheSource* source, std::uint64_t offset, std::uint64_t size,
+                    std::uint32_t number);
   // Hands a command to the thread for copies. Throws when memory is short.
   void QueueCopy(CacheCommand* command);
   ReportRegistry* GetReports();

@@ -1,6 +1,8 @@
 // Asynchronous reads of what is in memory.
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <thread>
 
 #include "AllocationCounter.h"
 #include "CacheTestTools.h"
@@ -11,13 +13,17 @@ namespace {
 
 constexpr std::size_t kBytes = 8 * 4096;
 
-// Keeps the thread for copies busy with a callback until it is let go.
+// Keeps the thread for copies busy with a callback until it is let go; `last` is what that thread
+// does then.
 class BusyCopies {
  public:
-  BusyCopies(FileSource* source, std::uint64_t offset) : request_(16) {
-    request_.OnReport([this](const Report&) {
+  BusyCopies(
+      FileSource* source, std::uint64_t offset, std::function<void()> last = [] {})
+      : request_(16) {
+    request_.OnReport([this, last](const Report&) {
       entered_->Release(1);
       leave_->Wait(5000, 1);
+      last();
     });
     EXPECT_EQ(CacheSource::kResultPending, request_.Read(source, offset));
     EXPECT_TRUE(entered_->Wait(5000, 1));
@@ -51,6 +57,17 @@ class AsyncResidentReadTest : public CacheFixture {
     Read(source_, 0, kBytes);
     Read(other_, 0, kBytes);
     source_->ClearRequests();
+  }
+
+  // Has other data read into all blocks, without a copy.
+  void EvictAll() {
+    MemorySource* const third = MakeSource(MemorySource::Pattern(16 * kBlock, 4));
+    cache_->PreRead(third, 0, 16 * kBlock, CacheSource::kDueASAP, MTThread::kPriorityNormal);
+    EXPECT_TRUE(Eventually([&] {
+      std::uint64_t bytes = 0;
+      for (const MemorySource::Request& request : third->GetRequests()) bytes += request.size;
+      return bytes == 16 * kBlock;
+    }));
   }
 
   std::string contents_;
@@ -91,12 +108,12 @@ TEST_F(AsyncResidentReadTest, WithoutMemoryForItTheReadIsRefusedAndNothingIsRepo
   EXPECT_TRUE(Eventually([&] { return request.GetCallbackReferences() == 1; }));
 }
 
-TEST_F(AsyncResidentReadTest, WhatIsForgottenBeforeItsTurnIsReadAgain) {
+TEST_F(AsyncResidentReadTest, WhatIsEvictedBeforeItsTurnIsReadAgain) {
   BusyCopies busy(other_, 0);
   AsyncRequest request(100);
   ASSERT_EQ(CacheSource::kResultPending, request.Read(source_, 4096));
+  EvictAll();
   source_->SetContents(MemorySource::Pattern(kBytes, 3));
-  cache_->Invalidate(source_, 4096, 100);
   EXPECT_FALSE(request.IsReported());
   busy.End();
   EXPECT_EQ((Report{CacheSource::kResultOK, 100}), request.GetReport());
@@ -104,14 +121,209 @@ TEST_F(AsyncResidentReadTest, WhatIsForgottenBeforeItsTurnIsReadAgain) {
   EXPECT_EQ(1u, source_->GetRequests().size());
 }
 
-TEST_F(AsyncResidentReadTest, WhatIsForgottenBeforeItsTurnMayEndShort) {
+TEST_F(AsyncResidentReadTest, WhatIsEvictedBeforeItsTurnMayEndShort) {
   BusyCopies busy(other_, 0);
   AsyncRequest request(100);
   ASSERT_EQ(CacheSource::kResultPending, request.Read(source_, 4096));
+  EvictAll();
   source_->SetContents(MemorySource::Pattern(4096 + 60));
-  cache_->Invalidate(source_, 4096, 100);
   busy.End();
   EXPECT_EQ((Report{CacheSource::kResultPartial, 60}), request.GetReport());
+}
+
+TEST_F(AsyncResidentReadTest, WhatIsEvictedMayNotBeReadAgainForLackOfMemory) {
+  // Of the thread for copies.
+  static thread_local std::unique_ptr<AllocationFailure> failure;
+  BusyCopies busy(other_, 0, [] { failure = std::make_unique<AllocationFailure>(1); });
+  AsyncRequest request(100);
+  ASSERT_EQ(CacheSource::kResultPending, request.Read(source_, 4096));
+  EvictAll();
+  request.OnReport([](const Report&) { failure.reset(); });
+  busy.End();
+  EXPECT_EQ((Report{CacheSource::kResultError, 0}), request.GetReport());
+  EXPECT_TRUE(source_->GetRequests().empty());
+  EXPECT_TRUE(Eventually([&] { return request.GetCallbackReferences() == 1; }));
+}
+
+// As a read does that waits for a block.
+TEST_F(AsyncResidentReadTest, WhatIsInvalidatedBeforeItsTurnFails) {
+  BusyCopies busy(other_, 0);
+  AsyncRequest request(100);
+  ASSERT_EQ(CacheSource::kResultPending, request.Read(source_, 4096));
+  cache_->Invalidate(source_, 4096 + 100, 1);
+  busy.End();
+  EXPECT_EQ((Report{CacheSource::kResultFailed, 0}), request.GetReport());
+  EXPECT_TRUE(source_->GetRequests().empty());
+}
+
+TEST_F(AsyncResidentReadTest, WhatIsInvalidatedElsewhereDoesNotConcernIt) {
+  BusyCopies busy(other_, 0);
+  AsyncRequest request(100);
+  ASSERT_EQ(CacheSource::kResultPending, request.Read(source_, 2 * kBlock));
+  cache_->Invalidate(other_, 0, kBytes);
+  cache_->Invalidate(source_, 2 * kBlock, 0);
+  cache_->Invalidate(source_, 0, 2 * kBlock);
+  cache_->Invalidate(source_, 3 * kBlock, ~std::uint64_t{0});
+  busy.End();
+  EXPECT_EQ((Report{CacheSource::kResultOK, 100}), request.GetReport());
+  EXPECT_EQ(contents_.substr(2 * kBlock, 100), request.GetBytes(100));
+}
+
+TEST_F(AsyncResidentReadTest, WhatIsInvalidatedToTheLastByteOfAllFails) {
+  BusyCopies busy(other_, 0);
+  AsyncRequest request(100);
+  ASSERT_EQ(CacheSource::kResultPending, request.Read(source_, 7 * kBlock));
+  cache_->Invalidate(source_, 5, ~std::uint64_t{0});
+  busy.End();
+  EXPECT_EQ((Report{CacheSource::kResultFailed, 0}), request.GetReport());
+}
+
+TEST_F(AsyncResidentReadTest, WhatWasInvalidatedBeforeTheStartDoesNotConcernIt) {
+  cache_->Invalidate(source_, 0, kBytes);
+  Read(source_, 0, kBytes);
+  AsyncRequest request(100);
+  ASSERT_EQ(CacheSource::kResultPending, request.Read(source_, 0));
+  EXPECT_EQ((Report{CacheSource::kResultOK, 100}), request.GetReport());
+}
+
+// More than are remembered.
+TEST_F(AsyncResidentReadTest, WhatIsInvalidatedElsewhereVeryOftenDoesNotConcernIt) {
+  BusyCopies busy(other_, 0);
+  AsyncRequest request(100);
+  AsyncRequest forgotten(100);
+  ASSERT_EQ(CacheSource::kResultPending, request.Read(source_, 0));
+  ASSERT_EQ(CacheSource::kResultPending, forgotten.Read(source_, kBlock));
+  for (int k = 0; k < 1000; ++k) cache_->Invalidate(other_, 0, 1);
+  cache_->Invalidate(source_, kBlock, 1);
+  for (int k = 0; k < 255; ++k) cache_->Invalidate(other_, 0, 1);
+  busy.End();
+  EXPECT_EQ((Report{CacheSource::kResultOK, 100}), request.GetReport());
+  EXPECT_EQ((Report{CacheSource::kResultFailed, 0}), forgotten.GetReport());
+}
+
+// Otherwise it could be read again while the write is under way.
+TEST_F(AsyncResidentReadTest, AHitFailsWhenItsRangeIsWrittenBeforeItsTurn) {
+  BusyCopies busy(other_, 0);
+  AsyncRequest read(100);
+  ASSERT_EQ(CacheSource::kResultPending, read.Read(source_, 4096));
+  source_->HoldRequests(true);
+  AsyncRequest write(4096);
+  ASSERT_EQ(CacheSource::kResultPending, write.Write(source_, 4096));
+  ASSERT_TRUE(source_->WaitForHeld(1));
+  busy.End();
+  EXPECT_EQ((Report{CacheSource::kResultFailed, 0}), read.GetReport());
+  source_->CompleteAll();
+  EXPECT_EQ(CacheSource::kResultOK, write.GetReport().result);
+}
+
+// Its end may come, on another thread, before the thread for copies is done with it.
+class LastCallback : public FileSource::ResultCallbackBufferList {
+ public:
+  explicit LastCallback(std::atomic<bool>* gone) : gone_(gone) {}
+  void Callback(CacheSource::Result_t, std::uint64_t, BufferList*, std::uint64_t) override {}
+
+ protected:
+  ~LastCallback() override {
+    AssertNoLockIsHeld();
+    *gone_ = true;
+  }
+
+ private:
+  std::atomic<bool>* const gone_;
+};
+
+TEST_F(AsyncResidentReadTest, WhatIsReadAgainGivesUpNothingInsideALock) {
+  for (int k = 0; k < 100; ++k) {
+    std::atomic<bool> gone{false};
+    AutoRelease<HeapBuffer> buffer(new HeapBuffer(100));
+    auto* const callback = new LastCallback(&gone);
+    auto* const list = new BufferList(buffer, false, 1);
+    {
+      BusyCopies busy(other_, 0);
+      ASSERT_EQ(CacheSource::kResultPending,
+                source_->ReadAsyncWithList(4096, list, callback, CacheSource::kDueASAP));
+      callback->DecRef("tests", "Orvane::AsyncResidentReadTest", 0);
+      list->DecRef("tests", "Orvane::AsyncResidentReadTest", 0);
+      EvictAll();
+      source_->AnswerNext(CacheSource::kResultFailed);
+    }
+    ASSERT_TRUE(Eventually([&] { return gone.load(); }));
+    Read(source_, 4096, 100);
+    Read(other_, 0, 16);
+  }
+}
+
+// A source that finds its cache by itself and changes it.
+class SwappingSource : public MemorySource {
+ public:
+  using MemorySource::MemorySource;
+  Cache* GetCache() override { return current_; }
+  void Set(Cache* cache) { current_ = cache; }
+
+ protected:
+  ~SwappingSource() override = default;
+
+ private:
+  Cache* current_ = nullptr;
+};
+
+TEST_F(AsyncResidentReadTest, TheCacheStaysUntilTheReportWhoeverHasIt) {
+  AutoRelease<SwappingSource> source(new SwappingSource(contents_));
+  auto* const factory = new BufferFactoryHeap;
+  ASSERT_TRUE(factory->Initialize(kBlock, 16, 16, 0));
+  auto* const cache = new Cache(factory);
+  factory->DecRef("tests", "Orvane::AsyncResidentReadTest", 0);
+  source->Set(cache);
+  Read(source, 0, kBytes);
+  AsyncRequest request(16);
+  {
+    BusyCopies busy(source, 0);
+    ASSERT_EQ(CacheSource::kResultPending, request.Read(source, 0));
+    source->Set(nullptr);
+    cache->DecRef("tests", "Orvane::AsyncResidentReadTest", 0);
+  }
+  EXPECT_EQ((Report{CacheSource::kResultOK, 16}), request.GetReport());
+}
+
+// Holds the thread for copies for a moment when it gives the list back.
+class SlowList : public BufferList {
+ public:
+  explicit SlowList(Buffer* buffer) : BufferList(buffer, false, 1) {}
+  long DecRef(const char* file, const char* function, unsigned long line) override {
+    if (std::this_thread::get_id() != test_) MTInterface::Sleep(100);
+    return BufferList::DecRef(file, function, line);
+  }
+
+ protected:
+  ~SlowList() override = default;
+
+ private:
+  const std::thread::id test_ = std::this_thread::get_id();
+};
+
+TEST_F(AsyncResidentReadTest, TheListIsBackWhenACancelHasReturned) {
+  Target target(100);
+  AutoRelease<SlowList> list(new SlowList(target.GetBuffer()));
+  std::atomic<bool> reported{false};
+  class Flag : public FileSource::ResultCallbackBufferList {
+   public:
+    explicit Flag(std::atomic<bool>* flag) : flag_(flag) {}
+    void Callback(CacheSource::Result_t, std::uint64_t, BufferList*, std::uint64_t) override {
+      *flag_ = true;
+    }
+
+   protected:
+    ~Flag() override = default;
+
+   private:
+    std::atomic<bool>* const flag_;
+  };
+  AutoRelease<Flag> callback(new Flag(&reported));
+  ASSERT_EQ(CacheSource::kResultPending,
+            source_->ReadAsyncWithList(0, list, callback, CacheSource::kDueASAP));
+  ASSERT_TRUE(Eventually([&] { return reported.load(); }));
+  source_->Cancel();
+  EXPECT_EQ(1, list->GetRefCount());
 }
 
 TEST_F(AsyncResidentReadTest, ACancelBeforeItsTurnReportsItBeforeItReturns) {

@@ -152,7 +152,8 @@ TEST_F(CacheBlockListTest, MemoryShortageWhileBlocksAreMadeLeavesFewerAndNoLeak)
 
 TEST_F(CacheBlockListTest, ShortageOfLocksWhileBlocksAreMadeLeavesFewerAndNoLeak) {
   ASSERT_TRUE(factory_->Initialize(kBlock, 4, 4, 0));
-  TestMTInterface::Get().FailCreation(4, TestMTInterface::kThrow);
+  // The list has two of its own, and each block its lock.
+  TestMTInterface::Get().FailCreation(5, TestMTInterface::kThrow);
   list_ = std::make_unique<CacheBlockList>(nullptr, factory_);
   EXPECT_TRUE(TestMTInterface::Get().StopFailing());
   EXPECT_EQ(2u, list_->GetBlockCount());

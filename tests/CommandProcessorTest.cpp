@@ -322,6 +322,33 @@ TEST_F(CommandProcessorTest, OfThoseThatWaitTheFirstDueGetsWhatIsFree) {
   ASSERT_TRUE(journal_.WaitFor("end due 500"));
 }
 
+TEST_F(CommandProcessorTest, EqualsThatWaitStayInTheOrderInWhichTheyCame) {
+  Make();
+  std::atomic<int> free{0};
+  const auto take = [&](TestCommand*) {
+    int seen = free.load();
+    while (seen > 0 && !free.compare_exchange_weak(seen, seen - 1)) {
+    }
+    return seen > 0;
+  };
+  processor_->Hold();
+  for (const char* name : {"a", "b", "c"}) Add(name, 0, take);
+  processor_->Release();
+  ASSERT_TRUE(journal_.WaitFor("run c"));
+  // Tries for nothing, and then one by one.
+  for (std::uint64_t tries = 5; tries <= 7; ++tries) {
+    WaitForPass(processor_->GetPass() + tries);
+    free = 1;
+    processor_->Wake();
+    for (int k = 0; k < 5000 && free > 0; ++k) MTInterface::Sleep(1);
+    ASSERT_EQ(0, free);
+  }
+  for (const char* end : {"end a", "end b", "end c"}) ASSERT_TRUE(journal_.WaitFor(end));
+  Lines ends = journal_.Get();
+  std::erase_if(ends, [](const std::string& line) { return !line.starts_with("end"); });
+  EXPECT_EQ((Lines{"end a", "end b", "end c"}), ends);
+}
+
 TEST_F(CommandProcessorTest, OnesThatKeepComingDoNotKeepOneThatWaitsFromItsTurn) {
   std::atomic<bool> isFree{false};
   std::atomic<bool> isServed{false};

@@ -257,9 +257,16 @@ bool Cache::ReadResident(CacheSource* source, std::uint64_t offset, Buffer* buff
   return parts_->resident_->Read(source->GetSourceKey(), offset, size, buffer, list, dueTime);
 }
 
-bool Cache::HoldsResident(CacheSource* source, std::uint64_t offset, std::uint64_t size) {
+bool Cache::HoldsResident(CacheSource* source, std::uint64_t offset, std::uint64_t size,
+                          std::uint32_t* number) {
   if (!parts_->CanRead() || PassesTheEnd(offset, size) || IsCancelling(source)) return false;
+  *number = parts_->blocks_->GetForgottenNumber();
   return parts_->blocks_->HoldsResident(source->GetSourceKey(), offset, size);
+}
+
+bool Cache::WasForgotten(CacheSource* source, std::uint64_t offset, std::uint64_t size,
+                         std::uint32_t number) {
+  return parts_->blocks_->WasForgotten(source->GetSourceKey(), offset, size, number);
 }
 
 void Cache::QueueCopy(CacheCommand* command) {

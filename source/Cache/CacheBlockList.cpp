@@ -155,6 +155,7 @@ void CacheBlockList::PurgeSource(CacheSource* source) {
 
 void CacheBlockList::InvalidateRange(CacheSource* source, std::uint64_t offset,
                                      std::uint64_t size) {
+  NoteForgotten(source->GetSourceKey(), offset, size);
   VisitBlocksOfRange(source->GetSourceKey(), offset, size,
                      [=](CacheBlock* block) { block->InvalidateByRange(source, offset, size); });
 }
@@ -175,6 +176,24 @@ void CacheBlockList::InvalidateWritten(CacheSource* source, std::uint64_t offset
     ++next;  // the block leaves
     block->Doom();
   }
+}
+
+// First: who finds a block gone finds the reason too. A read that waits for a block fails with it.
+void CacheBlockList::NoteForgotten(std::uint32_t sourceKey, std::uint64_t offset,
+                                   std::uint64_t size) {
+  if (size == 0 || blocks_.empty()) return;
+  const BlockRange range(offset, size, blockSize_);
+  const std::uint64_t lastBlock = range.first + (range.count - 1) * blockSize_;
+  const std::uint64_t rest = std::min(blockSize_ - 1, kBehindAll - lastBlock);
+  Lock lock(this);
+  forgotten_.Add(sourceKey, range.first, lastBlock + rest);
+}
+
+bool CacheBlockList::WasForgotten(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
+                                  std::uint32_t since) {
+  if (forgotten_.GetNumber() == since) return false;
+  Lock lock(this);
+  return forgotten_.HasSince(since, sourceKey, offset, offset + (size - 1));
 }
 
 void CacheBlockList::Dump() {

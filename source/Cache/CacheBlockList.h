@@ -14,6 +14,7 @@
 #include "Cache/BlockIndex.h"
 #include "Cache/BlockOrder.h"
 #include "Cache/CacheBlock.h"
+#include "Cache/ForgottenRanges.h"
 #include "MTPrimitives.h"
 
 namespace Orvane {
@@ -61,6 +62,12 @@ class CacheBlockList {
   CacheBlock* FindBlock(std::uint32_t sourceKey, std::uint64_t offset);
   // Whether blocks hold the whole range; each of them when it was looked at.
   bool HoldsResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size);
+  // A number for WasForgotten.
+  std::uint32_t GetForgottenNumber() const { return forgotten_.GetNumber(); }
+  // Whether blocks of the range were invalidated since, as far back as is known; a write that has
+  // ended counts as invalidated when it began. REQUIRES: size > 0, and no range past 2^64.
+  bool WasForgotten(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
+                    std::uint32_t since);
   // What one block has of a range, for its holder.
   struct ResidentPiece {
     CacheBlock* block;
@@ -115,6 +122,7 @@ class CacheBlockList {
   void MakeBlocks(Cache* cache);
   BlockGroup* GetGroupOfNext(Cache* cache);
   CacheBlock* FindCandidate(bool* goesOn);
+  void NoteForgotten(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size);
   // Calls visit(block) for each block that holds something of the range; with no lock held.
   template <typename Visit>
   void VisitBlocksOfRange(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size,
@@ -129,6 +137,7 @@ class CacheBlockList {
 
   BlockOrder order_;
   BlockIndex index_;
+  ForgottenRanges forgotten_;
   // By source key: those in the index whose fill told where the data ends.
   std::set<std::pair<std::uint32_t, CacheBlock*>> shortBlocks_;
   // Writes that have ended. Sources share counters, at the price of a fill now and then that is

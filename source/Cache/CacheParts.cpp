@@ -60,7 +60,7 @@ bool CacheParts::AreRunning() const {
 }
 
 // Each step leaves nothing that could give the ones before it new work: reads make batches, batches
-// make copies.
+// make copies. Reads from memory, which may become reads, hold the cache: there are none.
 void CacheParts::Destroy() {
   if (readProcessor_) readProcessor_->RemoveAll();
   if (dispatchedReadProcessor_) dispatchedReadProcessor_->RemoveAll();

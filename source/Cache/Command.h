@@ -49,6 +49,7 @@ class Command : public SortedObject {
   const std::uint32_t dueTime_;
   const std::uint64_t sortKey_;  // the due time past the wrap of the clock
   std::uint64_t pass_ = 0;
+  std::uint64_t asideNumber_ = 0;  // of the first time that it stood aside; 0: it never did
   Command* nextRemoved_ = nullptr;
 };
 

@@ -15,6 +15,15 @@ void CommandHeap::Add(Command* command, std::uint64_t key) {
   ++lastNumber_;
 }
 
+void CommandHeap::PutBack(Command* command, std::uint64_t* number) {
+  if (*number == 0) {
+    Add(command);
+    *number = lastNumber_;
+  } else {
+    entries_.push_back({command->GetSortKey(), *number, command});
+  }
+}
+
 const CommandEntry* CommandHeap::GetFirst() {
   Settle();
   return entries_.empty() ? nullptr : entries_.data();

@@ -23,6 +23,9 @@ class CommandHeap {
   void Add(Command* command);
   // The same for one whose key is known.
   void Add(Command* command, std::uint64_t key);
+  // Back to where it stood among its equals, if *number is that which it got when it was added
+  // before; 0: as one that comes, and gets one.
+  void PutBack(Command* command, std::uint64_t* number);
   // The first or null; it stays.
   const CommandEntry* GetFirst();
   Command* RemoveFirst();

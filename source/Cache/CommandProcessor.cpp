@@ -215,9 +215,10 @@ bool CommandProcessor::Run(MTThread* thread, Command* command, Pass* pass, bool*
   return thread->IsTerminating() || !PutAside(command);
 }
 
+// However often it is tried, it stays in front of its equals that came later.
 bool CommandProcessor::PutAside(Command* command) {
   try {
-    aside_.Add(command);
+    aside_.PutBack(command, &command->asideNumber_);
   } catch (...) {
     return false;  // memory is short
   }

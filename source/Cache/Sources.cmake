@@ -19,6 +19,7 @@ list(APPEND ORVANE_SOURCES
   Cache/CommandProcessor.cpp
   Cache/CommandQueue.cpp
   Cache/DispatchedReadCallback.cpp
+  Cache/ForgottenRanges.cpp
   Cache/PreReadTransactionList.cpp
   Cache/RangeList.cpp
   Cache/ReportRegistry.cpp

@@ -25,12 +25,13 @@ CacheSource::Result_t ResidentReadCommand::Start(FileSource* source, Cache* cach
                                                  FileSource::ResultCallbackBufferList* callback,
                                                  std::uint32_t dueTime) {
   const std::uint64_t size = list->GetTotalSizeOfBuffers();
-  if (size > kMostBytes || !cache->HoldsResident(source, offset, size)) {
+  std::uint32_t number = 0;
+  if (size > kMostBytes || !cache->HoldsResident(source, offset, size, &number)) {
     return CacheSource::kResultNone;
   }
   try {
     std::unique_ptr<ResidentReadCommand, FinishUnused> command(
-        new ResidentReadCommand(source, cache, offset, list, callback, dueTime));
+        new ResidentReadCommand(source, cache, offset, list, callback, dueTime, number));
     // It may be reported, and the last reference given up, before this returns.
     SharedObjectAutoRef keepCache(cache);
     cache->QueueCopy(command.get());
@@ -44,39 +45,68 @@ CacheSource::Result_t ResidentReadCommand::Start(FileSource* source, Cache* cach
 ResidentReadCommand::ResidentReadCommand(FileSource* source, Cache* cache, std::uint64_t offset,
                                          BufferList* list,
                                          FileSource::ResultCallbackBufferList* callback,
-                                         std::uint32_t dueTime)
+                                         std::uint32_t dueTime, std::uint32_t forgottenNumber)
     : CacheCommand(kCommandDispatchedCopy, dueTime, cache, source),
       source_(source),
       list_(list),
       callback_(callback),
-      offset_(offset) {
+      offset_(offset),
+      forgottenNumber_(forgottenNumber) {
   source_->AddRef(kFile, kConstructor, __LINE__);
   list_->AddRef(kFile, kConstructor, __LINE__);
   callback_->AddRef(kFile, kConstructor, __LINE__);
+  cache_->AddRef(kFile, kConstructor, __LINE__);
 }
 
 ResidentReadCommand::~ResidentReadCommand() {
-  list_->DecRef(kFile, kDestructor, __LINE__);
+  ReleaseAll();
+}
+
+void ResidentReadCommand::ReleaseList() {
+  if (list_) list_->DecRef(kFile, kDestructor, __LINE__);
+  list_ = nullptr;
+}
+
+void ResidentReadCommand::ReleaseAll() {
+  ReleaseList();
+  if (!source_) return;
   callback_->DecRef(kFile, kDestructor, __LINE__);
+  callback_ = nullptr;
   source_->DecRef(kFile, kDestructor, __LINE__);
+  source_ = nullptr;
+  cache_->DecRef(kFile, kDestructor, __LINE__);
 }
 
 bool ResidentReadCommand::Execute() {
-  const bool isThere = cache_->ReadResident(source_, offset_, nullptr, list_,
-                                            list_->GetTotalSizeOfBuffers(), GetDueTime());
-  result_ = isThere ? CacheSource::kResultOK : ReadAsMiss();
+  const std::uint64_t size = list_->GetTotalSizeOfBuffers();
+  const bool isThere = cache_->ReadResident(source_, offset_, nullptr, list_, size, GetDueTime());
+  if (cache_->WasForgotten(source_, offset_, size, forgottenNumber_)) {
+    result_ = CacheSource::kResultFailed;
+  } else if (isThere) {
+    result_ = CacheSource::kResultOK;
+  } else {
+    ReadAsMiss();
+  }
   return true;
 }
 
-// kResultPending: the report is another's.
-CacheSource::Result_t ResidentReadCommand::ReadAsMiss() {
-  auto* const wrapper =
-      new ResultBufferListWrapper(source_, cache_, offset_, list_, callback_, GetDueTime());
-  const CacheSource::Result_t result = wrapper->Initiate();
-  return result == CacheSource::kResultPending ? result : CacheSource::kResultError;
+// The report is another's then.
+void ResidentReadCommand::ReadAsMiss() {
+  ResultBufferListWrapper* wrapper = nullptr;
+  try {
+    wrapper = new ResultBufferListWrapper(source_, cache_, offset_, list_, callback_, GetDueTime());
+  } catch (...) {
+    result_ = CacheSource::kResultError;
+    return;
+  }
+  // It holds all of them: none is the last, and who hears of its end finds none of these. Its end
+  // may come before this returns.
+  ReleaseAll();
+  result_ = CacheSource::kResultPending;
+  wrapper->InitiateOrReport();
 }
 
-// Without an outcome it was cancelled, or memory was short for it; or nobody was told of its start.
+// Without an outcome it was cancelled; or nobody was told of its start.
 void ResidentReadCommand::Finish(bool cancelled) {
   if (cancelled && result_ == CacheSource::kResultNone) result_ = CacheSource::kResultFailed;
   if (result_ == CacheSource::kResultNone || result_ == CacheSource::kResultPending) {
@@ -87,6 +117,7 @@ void ResidentReadCommand::Finish(bool cancelled) {
   if (!ReportScope::Defer(this)) FinishReport();
 }
 
+// Who has cancelled finds his list given back.
 void ResidentReadCommand::FinishReport() {
   ReportScope scope;
   try {
@@ -96,6 +127,7 @@ void ResidentReadCommand::FinishReport() {
   } catch (...) {
     MTInterface::DebugString("Unhandled Exception In File Callback\n");
   }
+  ReleaseList();
   cache_->GetReports()->Remove(&entry_);
   delete this;
 }

@@ -12,7 +12,8 @@ namespace Orvane {
 
 // Copies on the cache's thread for copies, in order of due time, and reports. What was evicted
 // before its turn is read like any other miss, so it says nothing about the answer that what it
-// asks for is in memory now. Takes no way through blocks and transactions: it is one allocation.
+// asks for is in memory now. What was invalidated before its turn fails, as a read does that waits
+// for a block. Takes no way through blocks and transactions: it is one allocation.
 //
 // Owned by the processor up to Finish, then by its report.
 class ResidentReadCommand : public CacheCommand, private DeferredReport {
@@ -30,16 +31,21 @@ class ResidentReadCommand : public CacheCommand, private DeferredReport {
 
  private:
   ResidentReadCommand(FileSource* source, Cache* cache, std::uint64_t offset, BufferList* list,
-                      FileSource::ResultCallbackBufferList* callback, std::uint32_t dueTime);
+                      FileSource::ResultCallbackBufferList* callback, std::uint32_t dueTime,
+                      std::uint32_t forgottenNumber);
   ~ResidentReadCommand() override;
 
-  CacheSource::Result_t ReadAsMiss();
+  void ReadAsMiss();
+  void ReleaseList();
+  void ReleaseAll();
   void FinishReport() override;
 
-  FileSource* const source_;  // one reference each; the source holds its cache
-  BufferList* const list_;
-  FileSource::ResultCallbackBufferList* const callback_;
+  // One reference each, and one on the cache, or null once they are given up.
+  FileSource* source_;
+  BufferList* list_;
+  FileSource::ResultCallbackBufferList* callback_;
   const std::uint64_t offset_;
+  const std::uint32_t forgottenNumber_;
   CacheSource::Result_t result_ = CacheSource::kResultNone;
   ReportRegistry::Entry entry_;  // from the end of the read to that of the report
 };

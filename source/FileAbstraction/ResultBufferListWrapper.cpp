@@ -44,6 +44,15 @@ CacheSource::Result_t ResultBufferListWrapper::Initiate() {
   return CacheSource::kResultNotSupported;
 }
 
+void ResultBufferListWrapper::InitiateOrReport() {
+  bool isInUse = false;
+  SharedObjectAutoRef keepCache(cache_);
+  const CacheSource::Result_t result = cache_->Start(transaction_, &isInUse);
+  if (result == CacheSource::kResultPending) return;
+  Callback(result == CacheSource::kResultFailed ? result : CacheSource::kResultError, transaction_,
+           0);
+}
+
 void ResultBufferListWrapper::Callback(CacheSource::Result_t result, CacheTransaction*,
                                        std::uint64_t bytes) {
   result_ = result;

@@ -22,6 +22,9 @@ class ResultBufferListWrapper : public CacheTransaction::StatusCallback, private
   // kResultPending: started, and possibly over and gone already. Otherwise kResultNotSupported,
   // whatever the cache's reason: the wrapper is gone and nothing is reported.
   CacheSource::Result_t Initiate();
+  // For a read whose caller was told already that it is pending: a refusal is reported,
+  // kResultFailed while the source is being cancelled, else kResultError.
+  void InitiateOrReport();
 
   // Inside the transaction's lock.
   void Callback(CacheSource::Result_t result, CacheTransaction* transaction,

@@ -65,7 +65,9 @@ timespec DeadlineIn(std::uint32_t timeoutMs) {
 
 }  // namespace
 
-MTCritSecLinux::MTCritSecLinux() : state_(kFree), owner_(kNobody) {}
+MTCritSecLinux::MTCritSecLinux() : state_(kFree), owner_(kNobody) {
+  static_assert(sizeof(state_) == sizeof(std::uint32_t), "the kernel looks at it");
+}
 
 MTCritSecLinux::~MTCritSecLinux() = default;
 
