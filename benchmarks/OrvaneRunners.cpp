@@ -117,6 +117,7 @@ class SyncRunner : public Runner {
 
   void Pass(LatencyHistogram* latencies) override {
     latencies_ = latencies;
+    offsets_ = job_.GetOffsetsOfPass(pass_++);
     const auto others = static_cast<std::uint32_t>(others_.size());
     if (others > 0) go_->Release(others);
     ReadShare(0);
@@ -135,13 +136,12 @@ class SyncRunner : public Runner {
   }
 
   void ReadShare(unsigned thread) {
-    const std::size_t count = job_.offsets.size();
+    const std::size_t count = offsets_.size();
     const std::size_t end = count * (thread + 1) / threads_;
     for (std::size_t k = count * thread / threads_; k < end; ++k) {
       const auto start = latencies_ ? Clock::now() : Clock::time_point();
-      const auto result = job_.write
-                              ? source_->WriteWithList(job_.offsets[k], lists_[thread], nullptr)
-                              : source_->ReadWithList(job_.offsets[k], lists_[thread], nullptr);
+      const auto result = job_.write ? source_->WriteWithList(offsets_[k], lists_[thread], nullptr)
+                                     : source_->ReadWithList(offsets_[k], lists_[thread], nullptr);
       if (latencies_) latencies_->RecordSince(start);
       if (result != CacheSource::kResultOK) failed_ = true;
     }
@@ -155,6 +155,8 @@ class SyncRunner : public Runner {
   const std::unique_ptr<Orvane::MTSemaphore> done_;
   std::vector<BufferList*> lists_;  // one per thread
   std::vector<std::thread> others_;
+  std::size_t pass_ = 0;
+  std::span<const std::uint64_t> offsets_;  // of this pass
   LatencyHistogram* latencies_ = nullptr;
   std::atomic<bool> over_{false};
   std::atomic<bool> failed_{false};
