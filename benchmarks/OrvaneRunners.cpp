@@ -15,6 +15,10 @@ using Orvane::BufferList;
 using Orvane::CacheSource;
 using Orvane::FileSource;
 
+BufferList* NewList(const Job& job, Blocks* blocks) {
+  return job.write ? blocks->NewFilledList() : blocks->NewList();
+}
+
 // One list per transfer in flight; each callback starts the next transfer with its list.
 class AsyncRunner : public Runner {
  public:
@@ -23,7 +27,8 @@ class AsyncRunner : public Runner {
         blocks_(job.itemBytes, job.depth, job.parts),
         source_(OpenSource(job)),
         finished_(Orvane::MTInterface::NewSemaphore(1, 0)) {
-    for (unsigned k = 0; k < job.depth; ++k) lanes_.push_back(new Lane(this));
+    for (unsigned k = 0; k < job.depth; ++k)
+      lanes_.push_back(new Lane(this, NewList(job, &blocks_)));
   }
 
   ~AsyncRunner() override {
@@ -44,7 +49,7 @@ class AsyncRunner : public Runner {
  private:
   class Lane : public FileSource::ResultCallbackBufferList {
    public:
-    explicit Lane(AsyncRunner* runner) : runner_(runner), list_(runner->blocks_.NewList()) {}
+    Lane(AsyncRunner* runner, BufferList* list) : runner_(runner), list_(list) {}
 
     void StartNext() {
       const Job& job = runner_->job_;
@@ -72,7 +77,7 @@ class AsyncRunner : public Runner {
 
    private:
     AsyncRunner* const runner_;
-    BufferList* const list_;
+    BufferList* const list_;  // one reference
     Clock::time_point start_;
   };
 
@@ -102,7 +107,7 @@ class SyncRunner : public Runner {
         source_(OpenSource(job)),
         go_(Orvane::MTInterface::NewSemaphore(threads, 0)),
         done_(Orvane::MTInterface::NewSemaphore(threads, 0)) {
-    for (unsigned k = 0; k < threads; ++k) lists_.push_back(blocks_.NewList());
+    for (unsigned k = 0; k < threads; ++k) lists_.push_back(NewList(job, &blocks_));
     for (unsigned k = 1; k < threads; ++k) others_.emplace_back([this, k] { Serve(k); });
   }
 
