@@ -52,16 +52,14 @@ class AsyncRunner : public Runner {
     Lane(AsyncRunner* runner, BufferList* list) : runner_(runner), list_(list) {}
 
     void StartNext() {
-      const Job& job = runner_->job_;
-      const std::size_t index = runner_->next_.fetch_add(1, std::memory_order_relaxed);
-      if (index >= job.offsets.size()) return;
-      if (runner_->latencies_) start_ = Clock::now();
-      const std::uint64_t offset = job.offsets[index];
-      const auto result =
-          job.write
-              ? runner_->source_->WriteAsyncWithList(offset, list_, this, CacheSource::kDueASAP)
-              : runner_->source_->ReadAsyncWithList(offset, list_, this, CacheSource::kDueASAP);
-      if (result != CacheSource::kResultPending) runner_->OnDone(/*good=*/false);
+      // Until one is under way, or none is left.
+      for (;;) {
+        const std::size_t index = runner_->next_.fetch_add(1, std::memory_order_relaxed);
+        if (index >= runner_->job_.offsets.size()) return;
+        if (runner_->latencies_) start_ = Clock::now();
+        if (Start(runner_->job_.offsets[index]) == CacheSource::kResultPending) return;
+        runner_->OnDone(/*good=*/false);
+      }
     }
 
     void Callback(CacheSource::Result_t result, std::uint64_t, BufferList*,
@@ -76,6 +74,13 @@ class AsyncRunner : public Runner {
     ~Lane() override { Drop(list_); }
 
    private:
+    CacheSource::Result_t Start(std::uint64_t offset) {
+      FileSource* const source = runner_->source_;
+      return runner_->job_.write
+                 ? source->WriteAsyncWithList(offset, list_, this, CacheSource::kDueASAP)
+                 : source->ReadAsyncWithList(offset, list_, this, CacheSource::kDueASAP);
+    }
+
     AsyncRunner* const runner_;
     BufferList* const list_;  // one reference
     Clock::time_point start_;
