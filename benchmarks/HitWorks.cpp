@@ -11,6 +11,7 @@
 #include "Sizes.h"
 #include "Suite.h"
 #include "TestFile.h"
+#include "ThreadTeam.h"
 
 namespace bench {
 namespace {
@@ -107,14 +108,13 @@ Work BlockCacheWork(const TestFile& file, std::uint64_t blockBytes, bool half) {
 class CopyRunner : public Runner {
  public:
   CopyRunner(std::uint64_t workingSet, const Job& job, unsigned threads)
-      : job_(job), threads_(threads), memory_(workingSet, 1), targets_(job.itemBytes, threads) {}
+      : job_(job),
+        threads_(threads),
+        memory_(workingSet, 1),
+        targets_(job.itemBytes, threads),
+        team_(threads, [this](unsigned thread) { CopyShare(thread); }) {}
 
-  void Pass(LatencyHistogram*) override {
-    std::vector<std::thread> others;
-    for (unsigned k = 1; k < threads_; ++k) others.emplace_back([this, k] { CopyShare(k); });
-    CopyShare(0);
-    for (std::thread& other : others) other.join();
-  }
+  void Pass(LatencyHistogram*) override { team_.Pass(); }
 
  private:
   void CopyShare(unsigned thread) {
@@ -129,6 +129,7 @@ class CopyRunner : public Runner {
   const unsigned threads_;
   const AlignedBlocks memory_;
   const AlignedBlocks targets_;
+  ThreadTeam team_;  // last: it uses the others
 };
 
 Work ThreadWork(const TestFile& file, std::uint64_t readBytes) {

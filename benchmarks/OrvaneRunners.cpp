@@ -2,11 +2,11 @@
 
 #include <atomic>
 #include <stdexcept>
-#include <thread>
 
 #include "LatencyHistogram.h"
 #include "LibraryObjects.h"
 #include "Orvane.h"
+#include "ThreadTeam.h"
 
 namespace bench {
 namespace {
@@ -102,7 +102,6 @@ class AsyncRunner : public Runner {
   std::atomic<bool> failed_{false};
 };
 
-// The threads stay between passes: starting one is not what is measured.
 class SyncRunner : public Runner {
  public:
   SyncRunner(const CachedJob& job, unsigned threads)
@@ -110,16 +109,11 @@ class SyncRunner : public Runner {
         threads_(threads),
         blocks_(job.itemBytes, threads, job.parts),
         source_(OpenSource(job)),
-        go_(Orvane::MTInterface::NewSemaphore(threads, 0)),
-        done_(Orvane::MTInterface::NewSemaphore(threads, 0)) {
+        team_(threads, [this](unsigned thread) { ReadShare(thread); }) {
     for (unsigned k = 0; k < threads; ++k) lists_.push_back(NewList(job, &blocks_));
-    for (unsigned k = 1; k < threads; ++k) others_.emplace_back([this, k] { Serve(k); });
   }
 
   ~SyncRunner() override {
-    over_ = true;
-    if (!others_.empty()) go_->Release(static_cast<std::uint32_t>(others_.size()));
-    for (std::thread& other : others_) other.join();
     source_->Close();
     Drop(source_);
     for (BufferList* const list : lists_) Drop(list);
@@ -128,23 +122,11 @@ class SyncRunner : public Runner {
   void Pass(LatencyHistogram* latencies) override {
     latencies_ = latencies;
     offsets_ = job_.GetOffsetsOfPass(pass_++);
-    const auto others = static_cast<std::uint32_t>(others_.size());
-    if (others > 0) go_->Release(others);
-    ReadShare(0);
-    if (others > 0) done_->Wait(0xFFFFFFFF, others);
+    team_.Pass();
     if (failed_) throw std::runtime_error("a transfer failed");
   }
 
  private:
-  void Serve(unsigned thread) {
-    for (;;) {
-      go_->Wait(0xFFFFFFFF, 1);
-      if (over_) return;
-      ReadShare(thread);
-      done_->Release(1);
-    }
-  }
-
   void ReadShare(unsigned thread) {
     const std::size_t count = offsets_.size();
     const std::size_t end = count * (thread + 1) / threads_;
@@ -161,15 +143,12 @@ class SyncRunner : public Runner {
   const unsigned threads_;
   Blocks blocks_;
   Orvane::NativeFileSource* const source_;
-  const std::unique_ptr<Orvane::MTSemaphore> go_;
-  const std::unique_ptr<Orvane::MTSemaphore> done_;
   std::vector<BufferList*> lists_;  // one per thread
-  std::vector<std::thread> others_;
   std::size_t pass_ = 0;
   std::span<const std::uint64_t> offsets_;  // of this pass
   LatencyHistogram* latencies_ = nullptr;
-  std::atomic<bool> over_{false};
   std::atomic<bool> failed_{false};
+  ThreadTeam team_;  // last: it uses the others
 };
 
 // Keeps the window ahead of itself full, an item at a time.
