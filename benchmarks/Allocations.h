@@ -4,7 +4,9 @@
 
 namespace bench {
 
-// Counts what the C++ code of this process takes from the heap while it exists. One at a time.
+// Counts what this process takes from the heap while it exists: by malloc and its like, shared
+// libraries too. Where the host does not let a program replace those, and in builds with a
+// sanitizer, which replaces them itself, only by operator new. One at a time.
 class AllocationCount {
  public:
   AllocationCount();
@@ -14,5 +16,8 @@ class AllocationCount {
 
   std::uint64_t Get() const;
 };
+
+// Called for each, also before main.
+void NoteAllocation() noexcept;
 
 }  // namespace bench

@@ -33,6 +33,11 @@ class CountingCommand : public Orvane::Command {
   Orvane::MTSemaphore* const finished_;
 };
 
+// Those of the others are behind it, a millisecond apart.
+std::uint32_t FirstDueTime() {
+  return Orvane::MTInterface::GetCurrentTimeMilli() + 1000;
+}
+
 // Queues some while the worker is held, then lets it run them all; as often as it takes for
 // kCommands.
 class CommandRunner : public Runner {
@@ -41,8 +46,7 @@ class CommandRunner : public Runner {
       : finished_(Orvane::MTInterface::NewSemaphore(1, 0)),
         dueTimes_(queued),
         processor_(&kKind, 1, Orvane::MTThread::kPriorityNormal, Orvane::LockClass::kReadSection) {
-    std::iota(dueTimes_.begin(), dueTimes_.end(),
-              Orvane::MTInterface::GetCurrentTimeMilli() + 1000);
+    std::iota(dueTimes_.begin(), dueTimes_.end(), FirstDueTime());
     std::shuffle(dueTimes_.begin(), dueTimes_.end(), std::mt19937_64(3));
   }
 
@@ -68,11 +72,14 @@ class CommandRunner : public Runner {
 };
 
 // What the objects themselves cost, on one thread: made, run in the order of their due times, which
-// is known beforehand, and gone.
+// is known beforehand, and gone. With the same due times: a command reads the clock for one.
 class ObjectRunner : public Runner {
  public:
   explicit ObjectRunner(std::size_t count)
-      : finished_(Orvane::MTInterface::NewSemaphore(1, 0)), order_(count), commands_(count) {
+      : finished_(Orvane::MTInterface::NewSemaphore(1, 0)),
+        firstDueTime_(FirstDueTime()),
+        order_(count),
+        commands_(count) {
     std::iota(order_.begin(), order_.end(), std::size_t{0});
     std::shuffle(order_.begin(), order_.end(), std::mt19937_64(3));
   }
@@ -81,7 +88,8 @@ class ObjectRunner : public Runner {
     for (std::size_t done = 0; done < kCommands; done += order_.size()) {
       left_ = order_.size();
       for (const std::size_t place : order_) {
-        commands_[place] = new CountingCommand(0, &left_, finished_.get());
+        const std::uint32_t dueTime = firstDueTime_ + static_cast<std::uint32_t>(place);
+        commands_[place] = new CountingCommand(dueTime, &left_, finished_.get());
       }
       for (CountingCommand* const command : commands_) {
         command->Execute();
@@ -93,6 +101,7 @@ class ObjectRunner : public Runner {
 
  private:
   const std::unique_ptr<Orvane::MTSemaphore> finished_;
+  const std::uint32_t firstDueTime_;
   std::vector<std::size_t> order_;
   std::vector<CountingCommand*> commands_;
   std::atomic<std::size_t> left_{0};

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <random>
 #include <set>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -133,14 +134,23 @@ class Reader : public Orvane::FileSource::ResultCallbackBufferList {
     Clock::time_point start;
     std::atomic<std::size_t> inTime{0};
     std::atomic<std::size_t> left{0};
+    std::atomic<bool> failed{false};
     std::unique_ptr<Orvane::MTSemaphore> finished{Orvane::MTInterface::NewSemaphore(1, 0)};
   };
 
   Reader(Shared* shared, double dueMs) : shared_(shared), dueMs_(dueMs) {}
 
-  void Callback(Orvane::CacheSource::Result_t, std::uint64_t, Orvane::BufferList*,
+  void Callback(Orvane::CacheSource::Result_t result, std::uint64_t, Orvane::BufferList*,
                 std::uint64_t) override {
-    if (Millis(Clock::now() - shared_->start).count() <= dueMs_) ++shared_->inTime;
+    OnDone(result == Orvane::CacheSource::kResultOK);
+  }
+
+  void OnDone(bool good) {
+    if (!good) {
+      shared_->failed = true;
+    } else if (Millis(Clock::now() - shared_->start).count() <= dueMs_) {
+      ++shared_->inTime;
+    }
     if (shared_->left.fetch_sub(1) == 1) shared_->finished->Release(1);
   }
 
@@ -167,8 +177,9 @@ double MeasureShare(const std::vector<Request>& requests) {
     objects.push_back(list);
     std::this_thread::sleep_until(
         std::chrono::time_point_cast<Clock::duration>(shared.start + Millis(request.comesMs)));
-    source->ReadAsyncWithList(2 * block++ * kBlock, list, reader,
-                              startMilli + static_cast<std::uint32_t>(request.dueMs));
+    const auto result = source->ReadAsyncWithList(
+        2 * block++ * kBlock, list, reader, startMilli + static_cast<std::uint32_t>(request.dueMs));
+    if (result != Orvane::CacheSource::kResultPending) reader->OnDone(/*good=*/false);
   }
   shared.finished->Wait(0xFFFFFFFF, 1);
   source->Cancel();
@@ -176,6 +187,7 @@ double MeasureShare(const std::vector<Request>& requests) {
   for (Orvane::SharedObject* const object : objects) Drop(object);
   Drop(source);
   Drop(cache);
+  if (shared.failed) throw std::runtime_error("a read with a due time failed");
   return static_cast<double>(shared.inTime) / static_cast<double>(requests.size());
 }
 

@@ -1,6 +1,7 @@
 // What caches cost beside their buffers, and while they wait.
 #include <chrono>
 #include <memory>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -29,13 +30,17 @@ std::vector<Value> MeasureStart() {
   auto* const source = new InlineSource(cache);
   Blocks memory(64 * kBlock, 1, 1);
   Orvane::BufferList* const list = memory.NewList();
-  for (std::size_t k = 0; k < kManyBlocks; k += 64) source->ReadWithList(k * kBlock, list, nullptr);
+  bool good = true;
+  for (std::size_t k = 0; k < kManyBlocks; k += 64) {
+    good &= source->ReadWithList(k * kBlock, list, nullptr) == Orvane::CacheSource::kResultOK;
+  }
   const std::uint64_t inUse = GetHeapBytes() - before;
   Drop(list);
   source->Cancel();
   Drop(source);
   Drop(cache);
   Drop(factory);
+  if (!good) throw std::runtime_error("cannot fill the cache");
   constexpr auto kBlocks = static_cast<double>(kManyBlocks);
   return {{"time to start", "s", seconds},
           {"heap when empty", "B/block", static_cast<double>(atFirst) / kBlocks},

@@ -1,6 +1,7 @@
 // What hits, misses and evictions cost in small and in large caches.
 #include <atomic>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 
 #include "BenchHost.h"
@@ -30,16 +31,17 @@ class FilledCache {
     Blocks memory(kBlock * kChunk, 1, 1);
     Orvane::BufferList* const list = memory.NewList();
     source_->FillBuffers(true);
+    bool good = true;
     for (std::size_t k = 0; k < blocks; k += kChunk) {
-      source_->ReadWithList(k * kBlock, list, nullptr);
+      good &= source_->ReadWithList(k * kBlock, list, nullptr) == CacheSource::kResultOK;
     }
     source_->FillBuffers(false);
     Drop(list);
+    if (good) return;
+    End();
+    throw std::runtime_error("cannot fill the cache");
   }
-  ~FilledCache() {
-    source_->Cancel();
-    Drop(source_);
-  }
+  ~FilledCache() { End(); }
   FilledCache(const FilledCache&) = delete;
   FilledCache& operator=(const FilledCache&) = delete;
 
@@ -47,6 +49,11 @@ class FilledCache {
 
  private:
   static constexpr std::size_t kChunk = 64;
+
+  void End() {
+    source_->Cancel();
+    Drop(source_);
+  }
 
   Orvane::Cache* const cache_;  // the source's
   InlineSource* const source_;
@@ -65,8 +72,9 @@ class HitRunner : public Runner {
   void Pass(LatencyHistogram* latencies) override {
     for (const std::uint64_t offset : offsets_) {
       const auto start = latencies ? Clock::now() : Clock::time_point();
-      cache_.GetSource()->ReadWithList(offset, list_, nullptr);
+      const auto result = cache_.GetSource()->ReadWithList(offset, list_, nullptr);
       if (latencies) latencies->RecordSince(start);
+      if (result != CacheSource::kResultOK) throw std::runtime_error("a read failed");
     }
   }
 
@@ -124,6 +132,7 @@ class MissRunner : public Runner {
     for (Lane* const lane : lanes_) lane->StartNext();
     finished_->Wait(0xFFFFFFFF, 1);
     next_ = end_;
+    if (failed_) throw std::runtime_error("a read failed");
   }
 
  private:
@@ -131,19 +140,23 @@ class MissRunner : public Runner {
    public:
     Lane(MissRunner* runner, Orvane::BufferList* list) : runner_(runner), list_(list) {}
 
+    // Until one is under way, or none is left.
     void StartNext() {
-      const std::uint64_t block = runner_->next_.fetch_add(1);
-      if (block >= runner_->end_) {
-        if (runner_->running_.fetch_sub(1) == 1) runner_->finished_->Release(1);
-        return;
+      for (;;) {
+        const std::uint64_t block = runner_->next_.fetch_add(1);
+        if (block >= runner_->end_) break;
+        if (runner_->latencies_) start_ = Clock::now();
+        // Every other block: two misses are never gathered into one read.
+        const auto result = runner_->cache_.GetSource()->ReadAsyncWithList(
+            2 * block * kBlock, list_, this, CacheSource::kDueASAP);
+        if (result == CacheSource::kResultPending) return;
+        runner_->failed_ = true;
       }
-      if (runner_->latencies_) start_ = Clock::now();
-      // Every other block: two misses are never gathered into one read.
-      runner_->cache_.GetSource()->ReadAsyncWithList(2 * block * kBlock, list_, this,
-                                                     CacheSource::kDueASAP);
+      if (runner_->running_.fetch_sub(1) == 1) runner_->finished_->Release(1);
     }
-    void Callback(CacheSource::Result_t, std::uint64_t, Orvane::BufferList*,
+    void Callback(CacheSource::Result_t result, std::uint64_t, Orvane::BufferList*,
                   std::uint64_t) override {
+      if (result != CacheSource::kResultOK) runner_->failed_ = true;
       if (runner_->latencies_) runner_->latencies_->RecordSince(start_);
       StartNext();
     }
@@ -162,6 +175,7 @@ class MissRunner : public Runner {
   std::atomic<std::uint64_t> next_;
   std::uint64_t end_ = 0;
   std::atomic<std::size_t> running_{0};
+  std::atomic<bool> failed_{false};
   const std::unique_ptr<Orvane::MTSemaphore> finished_;
   std::vector<Lane*> lanes_;
   LatencyHistogram* latencies_ = nullptr;

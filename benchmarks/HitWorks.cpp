@@ -11,6 +11,7 @@
 #include "Sizes.h"
 #include "Suite.h"
 #include "TestFile.h"
+#include "ThreadTeam.h"
 
 namespace bench {
 namespace {
@@ -73,25 +74,31 @@ Work AsyncHitWork(const TestFile& file, std::uint64_t workingSet) {
 
 // The cache holds all of the working set, or half of it.
 Work BlockCacheWork(const TestFile& file, std::uint64_t blockBytes, bool half) {
+  constexpr std::size_t kPassItems = 4096;
+  constexpr std::size_t kPasses = 64;
   const std::uint64_t workingSet = 128 * kMiB;
   const std::uint64_t cacheBytes = half ? workingSet / 2 : workingSet;
   Job job{file.GetName(), blockBytes};
-  job.offsets =
-      half ? RandomOffsets(workingSet, blockBytes, 5000) : ShuffledOffsets(workingSet, blockBytes);
+  // A pass that began anew would find what it read the last time. So the offsets go on from pass
+  // to pass, and so long that those caches gain nothing that keep what was hit before: by the time
+  // they are over, all blocks have come up about as often.
+  job.offsets = half ? RandomOffsets(workingSet, blockBytes, kPasses * kPassItems)
+                     : ShuffledOffsets(workingSet, blockBytes);
+  CachedJob ours = Loaded(job, cacheBytes, blockBytes);
+  if (half) ours.passItems = kPassItems;
   Work work{"blocks of " + SizeText(blockBytes) + (half ? ", half of them hits" : ", all hits") +
                 ", one at a time",
             "reads",
-            job.offsets.size(),
+            ours.GetOffsetsOfPass(0).size(),
             {},
             {}};
-  CachedJob ours = Loaded(job, cacheBytes, blockBytes);
   work.contenders.push_back({kUs, [ours] { return NewOrvaneSync(ours); }});
   // Those that spread blocks over parts of their own need more than the blocks take to hold them
   // all.
-  const std::uint64_t peerBytes = half ? cacheBytes : cacheBytes * 3 / 2;
+  CachedJob theirs = ours;
+  if (!half) theirs.cache.blocks += theirs.cache.blocks / 2;
   for (const BlockCachePeer& peer : GetBlockCachePeers()) {
-    work.contenders.push_back(
-        {peer.name, [job, peerBytes, make = peer.make] { return make(job, peerBytes); }});
+    work.contenders.push_back({peer.name, [theirs, make = peer.make] { return make(theirs); }});
     work.aims.push_back({"P7", kUs, {peer.name}, Measure::kRate, true, 1.0});
   }
   return work;
@@ -101,14 +108,13 @@ Work BlockCacheWork(const TestFile& file, std::uint64_t blockBytes, bool half) {
 class CopyRunner : public Runner {
  public:
   CopyRunner(std::uint64_t workingSet, const Job& job, unsigned threads)
-      : job_(job), threads_(threads), memory_(workingSet, 1), targets_(job.itemBytes, threads) {}
+      : job_(job),
+        threads_(threads),
+        memory_(workingSet, 1),
+        targets_(job.itemBytes, threads),
+        team_(threads, [this](unsigned thread) { CopyShare(thread); }) {}
 
-  void Pass(LatencyHistogram*) override {
-    std::vector<std::thread> others;
-    for (unsigned k = 1; k < threads_; ++k) others.emplace_back([this, k] { CopyShare(k); });
-    CopyShare(0);
-    for (std::thread& other : others) other.join();
-  }
+  void Pass(LatencyHistogram*) override { team_.Pass(); }
 
  private:
   void CopyShare(unsigned thread) {
@@ -123,6 +129,7 @@ class CopyRunner : public Runner {
   const unsigned threads_;
   const AlignedBlocks memory_;
   const AlignedBlocks targets_;
+  ThreadTeam team_;  // last: it uses the others
 };
 
 Work ThreadWork(const TestFile& file, std::uint64_t readBytes) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -56,17 +57,22 @@ class ItemQueue {
   std::int64_t moved_ = 0;  // by the last item, or by the first that failed
 };
 
-// The pass of a peer that does one item after another. `transfer` moves the item at an offset and
-// returns the bytes moved, or a negative error number.
+// The pass of a peer that does one item after another, at these offsets or at all of the job.
+// `transfer` moves the item at an offset and returns the bytes moved, or a negative error number.
 template <typename Transfer>
-void MoveOneByOne(const std::string& peer, const Job& job, LatencyHistogram* latencies,
-                  const Transfer& transfer) {
-  for (const std::uint64_t offset : job.offsets) {
+void MoveOneByOne(const std::string& peer, const Job& job, std::span<const std::uint64_t> offsets,
+                  LatencyHistogram* latencies, const Transfer& transfer) {
+  for (const std::uint64_t offset : offsets) {
     const Clock::time_point start = latencies ? Clock::now() : Clock::time_point();
     const std::int64_t moved = transfer(offset);
     if (latencies) latencies->RecordSince(start);
     if (moved != static_cast<std::int64_t>(job.itemBytes)) CheckMoved(peer, moved, job.itemBytes);
   }
+}
+template <typename Transfer>
+void MoveOneByOne(const std::string& peer, const Job& job, LatencyHistogram* latencies,
+                  const Transfer& transfer) {
+  MoveOneByOne(peer, job, job.offsets, latencies, transfer);
 }
 
 }  // namespace bench

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -19,12 +20,23 @@ struct Job {
   bool write = false;                    // else a read
 };
 
-// The cache that the library reads through.
 struct CacheShape {
   std::uint64_t blockBytes = 0;
   std::size_t blocks = 0;
 
   std::uint64_t Bytes() const { return blockBytes * blocks; }
+};
+
+// With a cache to read through, of its own for each runner.
+struct CachedJob : Job {
+  CacheShape cache{};             // no blocks: none
+  std::uint64_t loadedBytes = 0;  // of the file, from its start; in the cache before the first pass
+  // Offsets that a pass takes. The next pass takes those behind them, and the first follow the
+  // last. 0: all. Only for those who do one item after another.
+  // REQUIRES: divides the number of offsets.
+  std::size_t passItems = 0;
+
+  std::span<const std::uint64_t> GetOffsetsOfPass(std::size_t pass) const;
 };
 
 // Offsets of whole items: `count` random ones, the same for every peer; each once, in random order;

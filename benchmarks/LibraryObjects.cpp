@@ -3,6 +3,8 @@
 #include <new>
 #include <stdexcept>
 
+#include "RandomContent.h"
+
 namespace bench {
 namespace {
 
@@ -54,7 +56,7 @@ Orvane::NativeFileSource* OpenSource(const CachedJob& job) {
 }
 
 Blocks::Blocks(std::uint64_t bytes, std::size_t count, unsigned parts)
-    : parts_(parts), factory_(new Orvane::BufferFactoryPhysMem) {
+    : parts_(parts), factory_(new Orvane::BufferFactoryPhysMem), content_(NewContent()) {
   // With parts every other buffer is left out.
   const std::uint64_t buffers = parts == 1 ? count : std::uint64_t{2} * count * parts;
   if (!factory_->Initialize(bytes / parts, buffers, buffers, 0)) throw std::bad_alloc();
@@ -71,6 +73,16 @@ Orvane::BufferList* Blocks::NewList() {
     // Not given back: nobody is to get it.
     Drop(factory_->GetBufferFromFactory());
     list->AddBuffer(factory_->GetBufferFromFactory(), /*adoptReference=*/true);
+  }
+  return list;
+}
+
+Orvane::BufferList* Blocks::NewFilledList() {
+  Orvane::BufferList* const list = NewList();
+  for (std::size_t k = 0; k < list->GetNumberOfBuffers(); ++k) {
+    Orvane::Buffer* const buffer = list->GetBuffer(k);
+    const Orvane::BufferLockAuto lock(buffer);
+    FillWithRandom(buffer->GetVirtualAddress(), buffer->GetSize(), &content_);
   }
   return list;
 }

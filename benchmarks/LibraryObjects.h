@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <random>
 
 #include "Orvane.h"
 #include "OrvaneRunners.h"
@@ -31,10 +32,13 @@ class Blocks {
 
   // Takes its buffers for good. They do not adjoin each other. The caller's reference.
   Orvane::BufferList* NewList();
+  // The same with random content, for writing: what one has after another is what the peers write.
+  Orvane::BufferList* NewFilledList();
 
  private:
   const unsigned parts_;
   Orvane::BufferFactoryPhysMem* const factory_;
+  std::mt19937_64 content_;
 };
 
 }  // namespace bench

@@ -2,11 +2,11 @@
 
 #include <atomic>
 #include <stdexcept>
-#include <thread>
 
 #include "LatencyHistogram.h"
 #include "LibraryObjects.h"
 #include "Orvane.h"
+#include "ThreadTeam.h"
 
 namespace bench {
 namespace {
@@ -14,6 +14,10 @@ namespace {
 using Orvane::BufferList;
 using Orvane::CacheSource;
 using Orvane::FileSource;
+
+BufferList* NewList(const Job& job, Blocks* blocks) {
+  return job.write ? blocks->NewFilledList() : blocks->NewList();
+}
 
 // One list per transfer in flight; each callback starts the next transfer with its list.
 class AsyncRunner : public Runner {
@@ -23,7 +27,8 @@ class AsyncRunner : public Runner {
         blocks_(job.itemBytes, job.depth, job.parts),
         source_(OpenSource(job)),
         finished_(Orvane::MTInterface::NewSemaphore(1, 0)) {
-    for (unsigned k = 0; k < job.depth; ++k) lanes_.push_back(new Lane(this));
+    for (unsigned k = 0; k < job.depth; ++k)
+      lanes_.push_back(new Lane(this, NewList(job, &blocks_)));
   }
 
   ~AsyncRunner() override {
@@ -44,19 +49,17 @@ class AsyncRunner : public Runner {
  private:
   class Lane : public FileSource::ResultCallbackBufferList {
    public:
-    explicit Lane(AsyncRunner* runner) : runner_(runner), list_(runner->blocks_.NewList()) {}
+    Lane(AsyncRunner* runner, BufferList* list) : runner_(runner), list_(list) {}
 
     void StartNext() {
-      const Job& job = runner_->job_;
-      const std::size_t index = runner_->next_.fetch_add(1, std::memory_order_relaxed);
-      if (index >= job.offsets.size()) return;
-      if (runner_->latencies_) start_ = Clock::now();
-      const std::uint64_t offset = job.offsets[index];
-      const auto result =
-          job.write
-              ? runner_->source_->WriteAsyncWithList(offset, list_, this, CacheSource::kDueASAP)
-              : runner_->source_->ReadAsyncWithList(offset, list_, this, CacheSource::kDueASAP);
-      if (result != CacheSource::kResultPending) runner_->OnDone(/*good=*/false);
+      // Until one is under way, or none is left.
+      for (;;) {
+        const std::size_t index = runner_->next_.fetch_add(1, std::memory_order_relaxed);
+        if (index >= runner_->job_.offsets.size()) return;
+        if (runner_->latencies_) start_ = Clock::now();
+        if (Start(runner_->job_.offsets[index]) == CacheSource::kResultPending) return;
+        runner_->OnDone(/*good=*/false);
+      }
     }
 
     void Callback(CacheSource::Result_t result, std::uint64_t, BufferList*,
@@ -71,8 +74,15 @@ class AsyncRunner : public Runner {
     ~Lane() override { Drop(list_); }
 
    private:
+    CacheSource::Result_t Start(std::uint64_t offset) {
+      FileSource* const source = runner_->source_;
+      return runner_->job_.write
+                 ? source->WriteAsyncWithList(offset, list_, this, CacheSource::kDueASAP)
+                 : source->ReadAsyncWithList(offset, list_, this, CacheSource::kDueASAP);
+    }
+
     AsyncRunner* const runner_;
-    BufferList* const list_;
+    BufferList* const list_;  // one reference
     Clock::time_point start_;
   };
 
@@ -92,7 +102,6 @@ class AsyncRunner : public Runner {
   std::atomic<bool> failed_{false};
 };
 
-// The threads stay between passes: starting one is not what is measured.
 class SyncRunner : public Runner {
  public:
   SyncRunner(const CachedJob& job, unsigned threads)
@@ -100,16 +109,11 @@ class SyncRunner : public Runner {
         threads_(threads),
         blocks_(job.itemBytes, threads, job.parts),
         source_(OpenSource(job)),
-        go_(Orvane::MTInterface::NewSemaphore(threads, 0)),
-        done_(Orvane::MTInterface::NewSemaphore(threads, 0)) {
-    for (unsigned k = 0; k < threads; ++k) lists_.push_back(blocks_.NewList());
-    for (unsigned k = 1; k < threads; ++k) others_.emplace_back([this, k] { Serve(k); });
+        team_(threads, [this](unsigned thread) { ReadShare(thread); }) {
+    for (unsigned k = 0; k < threads; ++k) lists_.push_back(NewList(job, &blocks_));
   }
 
   ~SyncRunner() override {
-    over_ = true;
-    if (!others_.empty()) go_->Release(static_cast<std::uint32_t>(others_.size()));
-    for (std::thread& other : others_) other.join();
     source_->Close();
     Drop(source_);
     for (BufferList* const list : lists_) Drop(list);
@@ -117,31 +121,19 @@ class SyncRunner : public Runner {
 
   void Pass(LatencyHistogram* latencies) override {
     latencies_ = latencies;
-    const auto others = static_cast<std::uint32_t>(others_.size());
-    if (others > 0) go_->Release(others);
-    ReadShare(0);
-    if (others > 0) done_->Wait(0xFFFFFFFF, others);
+    offsets_ = job_.GetOffsetsOfPass(pass_++);
+    team_.Pass();
     if (failed_) throw std::runtime_error("a transfer failed");
   }
 
  private:
-  void Serve(unsigned thread) {
-    for (;;) {
-      go_->Wait(0xFFFFFFFF, 1);
-      if (over_) return;
-      ReadShare(thread);
-      done_->Release(1);
-    }
-  }
-
   void ReadShare(unsigned thread) {
-    const std::size_t count = job_.offsets.size();
+    const std::size_t count = offsets_.size();
     const std::size_t end = count * (thread + 1) / threads_;
     for (std::size_t k = count * thread / threads_; k < end; ++k) {
       const auto start = latencies_ ? Clock::now() : Clock::time_point();
-      const auto result = job_.write
-                              ? source_->WriteWithList(job_.offsets[k], lists_[thread], nullptr)
-                              : source_->ReadWithList(job_.offsets[k], lists_[thread], nullptr);
+      const auto result = job_.write ? source_->WriteWithList(offsets_[k], lists_[thread], nullptr)
+                                     : source_->ReadWithList(offsets_[k], lists_[thread], nullptr);
       if (latencies_) latencies_->RecordSince(start);
       if (result != CacheSource::kResultOK) failed_ = true;
     }
@@ -151,13 +143,12 @@ class SyncRunner : public Runner {
   const unsigned threads_;
   Blocks blocks_;
   Orvane::NativeFileSource* const source_;
-  const std::unique_ptr<Orvane::MTSemaphore> go_;
-  const std::unique_ptr<Orvane::MTSemaphore> done_;
   std::vector<BufferList*> lists_;  // one per thread
-  std::vector<std::thread> others_;
+  std::size_t pass_ = 0;
+  std::span<const std::uint64_t> offsets_;  // of this pass
   LatencyHistogram* latencies_ = nullptr;
-  std::atomic<bool> over_{false};
   std::atomic<bool> failed_{false};
+  ThreadTeam team_;  // last: it uses the others
 };
 
 // Keeps the window ahead of itself full, an item at a time.

@@ -8,13 +8,6 @@
 
 namespace bench {
 
-// A cache to read through, of its own for each runner.
-struct CachedJob : Job {
-  CacheShape cache{};  // no blocks: none
-  std::uint64_t loadedBytes =
-      0;  // of the file, from its start, that are in it before the first pass
-};
-
 // Asynchronous lists, `depth` in flight; each callback starts the next.
 std::unique_ptr<Runner> NewOrvaneAsync(const CachedJob& job);
 // One synchronous list after another on each of `threads` threads, which share the items.

@@ -26,11 +26,11 @@ struct Peer {
 // job with the data of an item in memory of the caller.
 std::vector<Peer> GetPeers(PeerKind kind);
 
-// A block cache of this many bytes for items that are whole blocks. What it does not have is read
-// past the page cache and put in.
+// A block cache for items that are whole blocks. What it does not have is read past the page cache
+// and put in.
 struct BlockCachePeer {
   std::string name;
-  std::unique_ptr<Runner> (*make)(const Job& job, std::uint64_t cacheBytes);
+  std::unique_ptr<Runner> (*make)(const CachedJob& job);
 };
 std::vector<BlockCachePeer> GetBlockCachePeers();
 

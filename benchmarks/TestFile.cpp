@@ -39,6 +39,11 @@ TestFile::~TestFile() {
   std::remove(name_.c_str());
 }
 
+std::span<const std::uint64_t> CachedJob::GetOffsetsOfPass(std::size_t pass) const {
+  const std::span<const std::uint64_t> all(offsets);
+  return passItems == 0 ? all : all.subspan(pass * passItems % all.size(), passItems);
+}
+
 std::vector<std::uint64_t> RandomOffsets(std::uint64_t fileBytes, std::uint64_t itemBytes,
                                          std::size_t count) {
   std::mt19937_64 random(7);

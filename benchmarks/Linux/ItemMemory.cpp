@@ -1,18 +1,14 @@
 #include "ItemMemory.h"
 
 #include <cstring>
-#include <random>
+
+#include "../RandomContent.h"
 
 namespace bench {
 namespace {
 
 // Between two pieces, so that they are not one by chance.
 constexpr std::uint64_t kGapBytes = 4096;
-
-void FillWithRandom(const iovec& piece, std::mt19937_64* random) {
-  auto* const words = static_cast<std::uint64_t*>(piece.iov_base);
-  for (std::size_t k = 0; k < piece.iov_len / sizeof *words; ++k) words[k] = (*random)();
-}
 
 }  // namespace
 
@@ -21,10 +17,10 @@ ItemMemory::ItemMemory(const Job& job, unsigned slots)
       blocks_(job.itemBytes / job.parts + (job.parts > 1 ? kGapBytes : 0),
               std::size_t{slots} * job.parts),
       pieces_(std::size_t{slots} * job.parts) {
-  std::mt19937_64 random(11);
+  std::mt19937_64 content = NewContent();
   for (std::size_t k = 0; k < pieces_.size(); ++k) {
     pieces_[k] = {blocks_[k], job.itemBytes / job.parts};
-    if (job.write) FillWithRandom(pieces_[k], &random);
+    if (job.write) FillWithRandom(pieces_[k].iov_base, pieces_[k].iov_len, &content);
   }
 }
 

@@ -11,7 +11,7 @@ namespace bench {
 
 // The caller's memory for the items of a job that are in flight, one slot each. A slot is as many
 // equal pieces as the job has parts, which do not adjoin. If the job writes, the slots hold
-// random content, the same for every peer.
+// random content, the same for everybody.
 class ItemMemory {
  public:
   ItemMemory(const Job& job, unsigned slots);

@@ -23,7 +23,7 @@ std::unique_ptr<Runner> NewBufferedPreadPeer(const Job& job);
 std::unique_ptr<Runner> NewColdPreadPeer(const Job& job);
 std::unique_ptr<Runner> NewMappingPeer(const Job& job);
 
-std::unique_ptr<Runner> NewLruCachePeer(const Job& job, std::uint64_t cacheBytes);
-std::unique_ptr<Runner> NewHyperClockCachePeer(const Job& job, std::uint64_t cacheBytes);
+std::unique_ptr<Runner> NewLruCachePeer(const CachedJob& job);
+std::unique_ptr<Runner> NewHyperClockCachePeer(const CachedJob& job);
 
 }  // namespace bench

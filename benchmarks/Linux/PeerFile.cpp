@@ -11,7 +11,9 @@ namespace bench {
 
 PeerFile::PeerFile(const std::string& peer, const Job& job, PageCache pageCache) : peer_(peer) {
   const bool direct = pageCache == PageCache::kBypassed;
-  const int flags = (job.write ? O_RDWR : O_RDONLY) | (direct ? O_DIRECT : 0) | O_CLOEXEC;
+  int flags = (job.write ? O_RDWR : O_RDONLY) | (direct ? O_DIRECT : 0) | O_CLOEXEC;
+  // As the library opens: what is reported as written is on the device.
+  if (job.write) flags |= O_DSYNC;
   descriptor_ = open(job.file.c_str(), flags);
   if (descriptor_ >= 0) return;
   const std::string reason = direct && errno == EINVAL

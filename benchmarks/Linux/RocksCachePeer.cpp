@@ -2,7 +2,9 @@
 #include <rocksdb/cache.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <vector>
 
@@ -75,23 +77,48 @@ int ChooseShardBits(std::uint64_t blocks) {
 
 class RocksCachePeer : public Runner {
  public:
-  RocksCachePeer(const std::string& name, const Job& job, std::uint64_t cacheBytes,
-                 std::shared_ptr<Cache> cache)
+  RocksCachePeer(const std::string& name, const CachedJob& job, std::shared_ptr<Cache> cache)
       : name_(name),
         job_(job),
         file_(name, job, PageCache::kBypassed),
         memory_(job, 1),
         // One more than the cache holds: the one that is being read.
-        pool_(job.itemBytes, cacheBytes / job.itemBytes + 1),
+        pool_(job.itemBytes, job.cache.blocks + 1),
         cache_(std::move(cache)) {
     RequireReads(name, job);
+    Load();
   }
 
   void Pass(LatencyHistogram* latencies) override {
-    MoveOneByOne(name_, job_, latencies, [this](std::uint64_t offset) { return Read(offset); });
+    MoveOneByOne(name_, job_, job_.GetOffsetsOfPass(pass_++), latencies,
+                 [this](std::uint64_t offset) { return Read(offset); });
   }
 
  private:
+  // In large pieces, or it would take longer than what is measured.
+  void Load() {
+    constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 20;
+    const AlignedBlocks piece(kMostBytes, 1);
+    for (std::uint64_t at = 0; at < job_.loadedBytes; at += kMostBytes) {
+      const std::uint64_t bytes = std::min(kMostBytes, job_.loadedBytes - at);
+      const ssize_t moved = pread(file_.Get(), piece[0], bytes, static_cast<off_t>(at));
+      CheckMoved(name_, moved < 0 ? -errno : moved, bytes);
+      for (std::uint64_t in = 0; in < bytes; in += job_.itemBytes) {
+        BlockPool::Block* const block = pool_.Take();
+        std::memcpy(block->data, piece[0] + in, job_.itemBytes);
+        BlockKey key;
+        key.offset = at + in;
+        Insert(key, block);
+      }
+    }
+  }
+
+  void Insert(const BlockKey& key, BlockPool::Block* block) {
+    const auto inserted =
+        cache_->Insert(key.AsSlice(), block, job_.itemBytes, &BlockPool::GiveBack);
+    if (!inserted.ok()) throw std::runtime_error(name_ + ": " + inserted.ToString());
+  }
+
   std::int64_t Read(std::uint64_t offset) {
     BlockKey key;
     key.offset = offset;
@@ -113,36 +140,33 @@ class RocksCachePeer : public Runner {
     }
     // First, as the cache may evict the block at once.
     memory_.CopyIn(0, block->data);
-    const auto inserted =
-        cache_->Insert(key.AsSlice(), block, job_.itemBytes, &BlockPool::GiveBack);
-    if (!inserted.ok()) throw std::runtime_error(name_ + ": " + inserted.ToString());
+    Insert(key, block);
     return moved;
   }
 
   const std::string name_;
-  const Job job_;
+  const CachedJob job_;
   const PeerFile file_;
   const ItemMemory memory_;
   BlockPool pool_;
   const std::shared_ptr<Cache> cache_;
+  std::size_t pass_ = 0;
 };
 
 }  // namespace
 
-std::unique_ptr<Runner> NewLruCachePeer(const Job& job, std::uint64_t cacheBytes) {
+std::unique_ptr<Runner> NewLruCachePeer(const CachedJob& job) {
   rocksdb::LRUCacheOptions options;
-  options.capacity = cacheBytes;
-  options.num_shard_bits = ChooseShardBits(cacheBytes / job.itemBytes);
+  options.capacity = job.cache.Bytes();
+  options.num_shard_bits = ChooseShardBits(job.cache.blocks);
   options.metadata_charge_policy = rocksdb::kDontChargeCacheMetadata;
-  return std::make_unique<RocksCachePeer>("RocksDB LRU", job, cacheBytes,
-                                          rocksdb::NewLRUCache(options));
+  return std::make_unique<RocksCachePeer>("RocksDB LRU", job, rocksdb::NewLRUCache(options));
 }
 
-std::unique_ptr<Runner> NewHyperClockCachePeer(const Job& job, std::uint64_t cacheBytes) {
-  rocksdb::HyperClockCacheOptions options(cacheBytes, job.itemBytes);
+std::unique_ptr<Runner> NewHyperClockCachePeer(const CachedJob& job) {
+  rocksdb::HyperClockCacheOptions options(job.cache.Bytes(), job.itemBytes);
   options.metadata_charge_policy = rocksdb::kDontChargeCacheMetadata;
-  return std::make_unique<RocksCachePeer>("RocksDB HyperClock", job, cacheBytes,
-                                          options.MakeSharedCache());
+  return std::make_unique<RocksCachePeer>("RocksDB HyperClock", job, options.MakeSharedCache());
 }
 
 }  // namespace bench

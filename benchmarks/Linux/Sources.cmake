@@ -14,4 +14,9 @@ set(ORVANE_BENCH_HOST_SOURCES
   Linux/PreadPeer.cpp
   Linux/RingPeer.cpp
   Linux/RocksCachePeer.cpp)
+# A sanitizer has a malloc of its own.
+if(NOT ORVANE_SANITIZE)
+  list(APPEND ORVANE_BENCH_HOST_SOURCES Linux/Malloc.cpp)
+  set(ORVANE_BENCH_COUNTS_MALLOC ON)
+endif()
 set(ORVANE_BENCH_HOST_LIBRARIES PkgConfig::liburing PkgConfig::libuv RocksDB::rocksdb-shared)

@@ -2,21 +2,15 @@
 
 #include <atomic>
 #include <cstring>
-#include <random>
 #include <stdexcept>
+
+#include "../RandomContent.h"
 
 namespace bench {
 namespace {
 
 // Between two pieces, so that they are not one by chance.
 constexpr std::uint64_t kGapBytes = 4096;
-
-void FillWithRandom(char* piece, std::size_t bytes, std::mt19937_64* random) {
-  for (std::size_t at = 0; at + sizeof(std::uint64_t) <= bytes; at += sizeof(std::uint64_t)) {
-    const std::uint64_t word = (*random)();
-    std::memcpy(piece + at, &word, sizeof word);
-  }
-}
 
 std::size_t GetPageBytes() {
   SYSTEM_INFO info{};
@@ -36,10 +30,10 @@ ItemMemory::ItemMemory(const Job& job, unsigned slots)
     : parts_(job.parts),
       pieceBytes_(job.itemBytes / job.parts),
       blocks_(pieceBytes_ + (job.parts > 1 ? kGapBytes : 0), std::size_t{slots} * job.parts) {
-  std::mt19937_64 random(11);
+  std::mt19937_64 content = NewContent();
   const std::size_t pieces = slots * parts_;
   for (std::size_t k = 0; job.write && k < pieces; ++k) {
-    FillWithRandom(blocks_[k], pieceBytes_, &random);
+    FillWithRandom(blocks_[k], pieceBytes_, &content);
   }
   if (parts_ == 1) return;
   const std::size_t pageBytes = GetPageBytes();

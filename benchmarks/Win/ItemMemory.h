@@ -10,7 +10,7 @@ namespace bench {
 
 // The caller's memory for the items of a job that are in flight, one slot each. A slot is as many
 // equal pieces as the job has parts, which do not adjoin. If the job writes, the slots hold
-// random content, the same for every peer.
+// random content, the same for everybody.
 class ItemMemory {
  public:
   // Throws std::runtime_error if there is more than one piece and they are not whole pages.
