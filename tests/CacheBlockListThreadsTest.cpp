@@ -6,6 +6,7 @@
 #include <mutex>
 #include <random>
 #include <thread>
+#include <utility>
 
 #include "BlockFixture.h"
 #include "Cache/TransactionInternals.h"
@@ -44,6 +45,74 @@ class Fills {
   std::deque<CacheBlock*> waiting_;
   bool isOver_ = false;
 };
+
+// Small hits of several threads share nothing but what they read.
+TEST_F(BlockFixture, SmallHitsDoNotWaitForTheListsLock) {
+  CacheBlockList* const list = MakeList(8);
+  MemorySource* const source = MakeSource(MemorySource::Pattern(4 * kBlock));
+  for (std::uint64_t k = 0; k < 4; ++k) ASSERT_NE(nullptr, Fill(source, k * kBlock));
+  const std::uint32_t key = source->GetSourceKey();
+  std::atomic<bool> isOver{false};
+  std::thread reader;
+  {
+    CacheBlockList::Lock lock(list);
+    reader = std::thread([&] {
+      EXPECT_TRUE(list->HoldsResident(key, 10, 4 * kBlock - 10));
+      CacheBlock* const block = list->FindBlock(key, kBlock);
+      ASSERT_NE(nullptr, block);
+      EXPECT_TRUE(block->CopyResident(key, kBlock, 20, CacheSource::kDueASAP,
+                                      [](const char*) { return true; }));
+      isOver = true;
+    });
+    EXPECT_TRUE(Eventually([&] { return isOver.load(); }));
+  }
+  reader.join();
+}
+
+// Runs code of the test in the middle of a claim, where its key is asked for.
+class ClaimingSource : public MemorySource {
+ public:
+  using MemorySource::MemorySource;
+  void OnNextKey(std::function<void()> hook) { hook_ = std::move(hook); }
+  std::uint32_t GetSourceKey() override {
+    if (const std::function<void()> hook = std::exchange(hook_, nullptr)) hook();
+    return MemorySource::GetSourceKey();
+  }
+
+ protected:
+  ~ClaimingSource() override = default;
+
+ private:
+  std::function<void()> hook_;
+};
+
+TEST_F(BlockFixture, AFreeBlockThatIsBeingClaimedGetsNoHolder) {
+  CacheBlockList* const list = MakeList(1);
+  MemorySource* const source = MakeSource(MemorySource::Pattern(kBlock));
+  ASSERT_NE(nullptr, Fill(source, 0));
+  const std::uint32_t key = source->GetSourceKey();
+  AutoRelease<ClaimingSource> claiming(new ClaimingSource(MemorySource::Pattern(kBlock, 2)));
+  Reader reader(claiming, 0, 10);
+  std::size_t held = 0;
+  std::atomic<bool> isOver{false};
+  std::thread holder;
+  claiming->OnNextKey([&] {
+    holder = std::thread([&] {
+      CacheBlockList::ResidentPiece piece{};
+      held = list->LockResident(key, 0, kBlock, &piece, 1);
+      if (held > 0) piece.block->Unlock(CacheSource::kDueASAP);
+      isOver = true;
+    });
+    for (int k = 0; k < 100 && !isOver; ++k) MTInterface::Sleep(1);
+  });
+  CacheBlock* const block = list->FindBlockToReadInto(reader);
+  ASSERT_TRUE(holder.joinable());
+  holder.join();
+  EXPECT_EQ(0u, held);
+  ASSERT_NE(nullptr, block);
+  block->CompleteReadInto(0, CacheSource::kResultFailed);
+  EXPECT_EQ(CacheSource::kResultFailed, reader.GetReport().result);
+}
 
 // One list, and everybody who works on it in a cache, at once.
 class CacheBlockListThreadsTest : public BlockFixture {

@@ -233,7 +233,7 @@ TEST_F(CacheBlockTest, DoomedServesItsHoldersTakesNobodyAndIsEmptyAtTheLastUnloc
   block_->Doom();
   Reader late(source_, kBlock, 10);
   EXPECT_FALSE(Attach(late));
-  EXPECT_EQ(nullptr, block_->LockForResidentRead(kBlock, 10));
+  EXPECT_EQ(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 10));
   EXPECT_TRUE(late->StillRangesToComplete());
   Serve();
   EXPECT_EQ((Report{CacheSource::kResultOK, 10}), holder.GetReport());
@@ -255,7 +255,7 @@ TEST_F(CacheBlockTest, AfterReleaseBufferEveryLockIsRefused) {
   Reader reader(source_, kBlock, kBlock);
   EXPECT_FALSE(block_->LockForReadInto(reader));
   EXPECT_FALSE(Attach(reader));
-  EXPECT_EQ(nullptr, block_->LockForResidentRead(kBlock, 1));
+  EXPECT_EQ(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 1));
   EXPECT_FALSE(block_->HoldsResident(source_->GetSourceKey(), kBlock, 1));
   EXPECT_FALSE(block_->CompleteReadInto(0, CacheSource::kResultOK));
   EXPECT_FALSE(block_->Unlock(CacheSource::kDueASAP));
@@ -688,7 +688,7 @@ TEST_F(CacheBlockTest, BlockWhoseMemoryDoesNotLockFailsItsReaders) {
   Reader reader(source_, 0, kBlock);
   ASSERT_TRUE(block.LockForReadInto(reader));
   EXPECT_TRUE(block.CompleteReadInto(kBlock, CacheSource::kResultOK));
-  EXPECT_EQ(nullptr, block.LockForResidentRead(0, 1));
+  EXPECT_EQ(nullptr, block.LockForResidentRead(source_->GetSourceKey(), 0, 1));
   block.ProcessPendingTransactions(nullptr);
   EXPECT_EQ((Report{CacheSource::kResultError, 0}), reader.GetReport());
   EXPECT_EQ(0, block.GetLockCount());
@@ -715,7 +715,7 @@ TEST_F(CacheBlockTest, ResidentReadersHoldTheBlock) {
   MakeValid();
   EXPECT_TRUE(block_->HoldsResident(source_->GetSourceKey(), kBlock + 10, kBlock - 10));
   EXPECT_FALSE(block_->HoldsResident(source_->GetSourceKey(), kBlock + 10, kBlock - 9));
-  const char* const bytes = block_->LockForResidentRead(kBlock + 10, 20);
+  const char* const bytes = block_->LockForResidentRead(source_->GetSourceKey(), kBlock + 10, 20);
   ASSERT_NE(nullptr, bytes);
   EXPECT_EQ(contents_.substr(kBlock + 10, 20), std::string(bytes, 20));
   EXPECT_EQ(1, block_->GetLockCount());
@@ -751,6 +751,10 @@ TEST_F(CacheBlockTest, ACopyIsOfWhatTheBlockHoldsNow) {
   EXPECT_FALSE(block_->CopyResident(key, 0, 20, 0, never));
   EXPECT_FALSE(block_->CopyResident(key, 2 * kBlock, 20, 0, never));
   EXPECT_FALSE(block_->CopyResident(key, kBlock, kBlock + 1, 0, never));
+  EXPECT_EQ(nullptr, block_->LockForResidentRead(key + 1, kBlock, 20));
+  EXPECT_EQ(nullptr, block_->LockForResidentRead(key, 0, 20));
+  EXPECT_EQ(nullptr, block_->LockForResidentRead(key, 2 * kBlock, 20));
+  EXPECT_EQ(0, block_->GetLockCount());
   block_->ReleaseBuffer();
   EXPECT_FALSE(block_->CopyResident(key, kBlock, 20, 0, never));
 }
@@ -767,7 +771,7 @@ TEST_F(CacheBlockTest, ACopyThatFailsIsNoUse) {
 TEST_F(CacheBlockTest, ResidentReadersWaitForNoFill) {
   Reader reader(source_, 0, kBlock);
   ASSERT_TRUE(block_->LockForReadInto(reader));
-  EXPECT_EQ(nullptr, block_->LockForResidentRead(0, 1));
+  EXPECT_EQ(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), 0, 1));
   EXPECT_FALSE(block_->HoldsResident(source_->GetSourceKey(), 0, 1));
   EXPECT_EQ(2, block_->GetLockCount());
 }
@@ -791,12 +795,12 @@ TEST_F(CacheBlockTest, NoDueTimeIsNow) {
 TEST_F(CacheBlockTest, StampTenMillisecondsLaterIsKeptTwoHoursLaterIsReplaced) {
   const std::uint32_t due = FromNow(10000);
   MakeValid(due + 10);
-  ASSERT_NE(nullptr, block_->LockForResidentRead(kBlock, 1));
+  ASSERT_NE(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 1));
   EXPECT_TRUE(block_->Unlock(due));
   EXPECT_EQ(due + 10, static_cast<std::uint32_t>(block_->GetStamp()));
   block_->InvalidateBySource(source_);
   MakeValid(due + 2 * kHourMs);
-  ASSERT_NE(nullptr, block_->LockForResidentRead(kBlock, 1));
+  ASSERT_NE(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 1));
   EXPECT_TRUE(block_->Unlock(due));
   EXPECT_EQ(due, static_cast<std::uint32_t>(block_->GetStamp()));
 }
@@ -804,10 +808,10 @@ TEST_F(CacheBlockTest, StampTenMillisecondsLaterIsKeptTwoHoursLaterIsReplaced) {
 TEST_F(CacheBlockTest, StampLaterByExactlyOneHourIsKept) {
   const std::uint32_t due = FromNow(10000);
   MakeValid(due + kHourMs);
-  ASSERT_NE(nullptr, block_->LockForResidentRead(kBlock, 1));
+  ASSERT_NE(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 1));
   block_->Unlock(due);
   EXPECT_EQ(due + kHourMs, static_cast<std::uint32_t>(block_->GetStamp()));
-  ASSERT_NE(nullptr, block_->LockForResidentRead(kBlock, 1));
+  ASSERT_NE(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 1));
   block_->Unlock(due - 1);
   EXPECT_EQ(due - 1, static_cast<std::uint32_t>(block_->GetStamp()));
 }
@@ -815,7 +819,7 @@ TEST_F(CacheBlockTest, StampLaterByExactlyOneHourIsKept) {
 TEST_F(CacheBlockTest, LaterDueTimeReplacesTheStamp) {
   const std::uint32_t due = FromNow(10000);
   MakeValid(due);
-  ASSERT_NE(nullptr, block_->LockForResidentRead(kBlock, 1));
+  ASSERT_NE(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 1));
   block_->Unlock(due + 1);
   EXPECT_EQ(due + 1, static_cast<std::uint32_t>(block_->GetStamp()));
 }
@@ -823,8 +827,8 @@ TEST_F(CacheBlockTest, LaterDueTimeReplacesTheStamp) {
 TEST_F(CacheBlockTest, OnlyTheLastHolderStamps) {
   MakeValid(FromNow(1000));
   const std::uint64_t stamp = block_->GetStamp();
-  ASSERT_NE(nullptr, block_->LockForResidentRead(kBlock, 1));
-  ASSERT_NE(nullptr, block_->LockForResidentRead(kBlock, 1));
+  ASSERT_NE(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 1));
+  ASSERT_NE(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 1));
   EXPECT_FALSE(block_->Unlock(FromNow(9000)));
   EXPECT_EQ(stamp, block_->GetStamp());
   EXPECT_TRUE(block_->Unlock(FromNow(5000)));
@@ -839,13 +843,13 @@ TEST_F(CacheBlockTest, StampsGoOnWhenTheMillisecondClockWraps) {
   // Due behind the wrap: a small number, but later.
   const std::uint32_t due = FromNow(60000);
   ASSERT_LT(due, 60000u);
-  ASSERT_NE(nullptr, block_->LockForResidentRead(kBlock, 1));
+  ASSERT_NE(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 1));
   block_->Unlock(due);
   EXPECT_NEAR(59500.0, static_cast<double>(block_->GetStamp() - before), 1000.0);
   AutoRelease<CacheTransaction> preRead(NewPreRead(source_, 0, kBlock));
   EXPECT_FALSE(block_->LockForReadInto(preRead));
   // Kept by a due time before the wrap.
-  ASSERT_NE(nullptr, block_->LockForResidentRead(kBlock, 1));
+  ASSERT_NE(nullptr, block_->LockForResidentRead(source_->GetSourceKey(), kBlock, 1));
   block_->Unlock(FromNow(0));
   EXPECT_EQ(due, static_cast<std::uint32_t>(block_->GetStamp()));
   TestMTInterface::Get().ShiftClock(std::uint64_t{70000} * 1000);

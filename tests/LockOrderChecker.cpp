@@ -46,6 +46,7 @@ struct Leaf {
   std::uint32_t exceptions;
 };
 constexpr Leaf kLeaves[] = {
+    {LockClass::kBlockIndex, 0},
     {LockClass::kCacheObject, 0},
     {LockClass::kCommandQueue, 0},
     {LockClass::kHandlerSlot, 0},

@@ -29,7 +29,7 @@ constexpr LockClass kOrder[] = {
 constexpr LockClass kLeaves[] = {
     LockClass::kCacheObject, LockClass::kCommandQueue,  LockClass::kHandlerSlot,
     LockClass::kStatistics,  LockClass::kBatchRegistry, LockClass::kPool,
-    LockClass::kPreReadList,
+    LockClass::kPreReadList, LockClass::kBlockIndex,
 };
 
 // Takes anything.

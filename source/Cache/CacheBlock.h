@@ -88,11 +88,12 @@ class CacheBlock {
   // The same, for one who holds the block and no lock.
   void RefuseMore();
 
-  // A holder that copies on its own thread: the address of the byte at `offset`, if the block has
-  // all bytes from there to the end of the range, else null. REQUIRES: the list's lock.
-  const char* LockForResidentRead(std::uint64_t offset, std::uint64_t size);
-  // Whether it would, were it of this source and place; without becoming a holder, and without the
+  // A holder that copies on its own thread: the address of the byte at `offset`, if the block is of
+  // this source and has all bytes from there to the end of the range, else null. REQUIRES: the
   // list's lock.
+  const char* LockForResidentRead(std::uint32_t sourceKey, std::uint64_t offset,
+                                  std::uint64_t size);
+  // Whether it would; without becoming a holder.
   bool HoldsResident(std::uint32_t sourceKey, std::uint64_t offset, std::uint64_t size);
   // Has `copy(address)` copy the range, in the block's lock, as a use of the block that is over
   // when this returns. For few bytes: it takes half of what a hold takes. False if `copy` answers
@@ -185,8 +186,10 @@ class CacheBlock {
   const std::uint64_t capacity_;  // bytes
   Buffer* buffer_;  // one reference; null when dead. Changes only when nobody else uses the block
 
-  // The list's lock.
+  // The list's lock, and that of its part of the index.
   CacheBlock* indexNext_ = nullptr;
+
+  // The list's lock.
   CacheBlock* orderPrevious_ = nullptr;
   CacheBlock* orderNext_ = nullptr;
   std::uint64_t orderAt_ = 0;  // used: the time of use; other: the place in the heap
@@ -194,7 +197,8 @@ class CacheBlock {
   bool isIndexed_ = false;
   bool isShort_ = false;  // among the list's short blocks
 
-  // Changes with both locks held: either will do to look at it.
+  // Changes with both locks held: either will do to look at it. While the block is in the index it
+  // does not change.
   std::uint32_t sourceKey_ = CacheSource::kInvalidKey;
   std::uint64_t sourceOffset_ = 0;
 

@@ -223,7 +223,6 @@ void CacheBlockList::VisitBlocksOfRange(std::uint32_t sourceKey, std::uint64_t o
 }
 
 CacheBlock* CacheBlockList::FindBlock(std::uint32_t sourceKey, std::uint64_t offset) {
-  Lock lock(this);
   return index_.Find(sourceKey, offset - offset % blockSize_);
 }
 
@@ -243,12 +242,14 @@ std::size_t CacheBlockList::LockResident(std::uint32_t sourceKey, std::uint64_t 
                                          std::uint64_t size, ResidentPiece* pieces,
                                          std::size_t most) {
   std::size_t count = 0;
+  // A free block that is about to be claimed gets no holder.
   Lock lock(this);
   while (size > 0 && count < most) {
     const std::uint64_t place = offset - offset % blockSize_;
     const std::uint64_t bytes = std::min(size, blockSize_ - (offset - place));
-    CacheBlock* const block = index_.Find(sourceKey, place);
-    const char* const address = block ? block->LockForResidentRead(offset, bytes) : nullptr;
+    CacheBlock* const block = FindBlock(sourceKey, place);
+    const char* const address =
+        block ? block->LockForResidentRead(sourceKey, offset, bytes) : nullptr;
     if (!address) {
       while (count > 0) pieces[--count].block->Unlock(CacheSource::kDueASAP);
       return 0;

@@ -30,8 +30,9 @@ class Cache;
 // placed anew, one that is busy leaves it until it is free. So a hit moves nothing, and a search
 // for a free block passes over a busy one only once.
 //
-// lock_ comes before the locks of the blocks and of transactions. Nothing that may finish a
-// transaction is called with it.
+// To look something up in the index does not take lock_; to become a holder of a block does, since a
+// free one may be about to be claimed. lock_ comes before the locks of the blocks and of transactions.
+// Nothing that may finish a transaction is called with it.
 class CacheBlockList {
  public:
   // Takes a reference on the factory. Memory shortage while the blocks are made leaves fewer.

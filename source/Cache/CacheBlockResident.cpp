@@ -4,9 +4,10 @@
 
 namespace Orvane {
 
-const char* CacheBlock::LockForResidentRead(std::uint64_t offset, std::uint64_t size) {
+const char* CacheBlock::LockForResidentRead(std::uint32_t sourceKey, std::uint64_t offset,
+                                            std::uint64_t size) {
   CritSecLock lock(group_->lock.get());
-  if (!HoldsResidentLocked(offset, size)) return nullptr;
+  if (!HoldsOf(sourceKey, offset, size)) return nullptr;
   LockInner();
   if (isBufferLocked_) return dataAddress_ + (offset - sourceOffset_);
   --lockCount_;  // nothing was locked

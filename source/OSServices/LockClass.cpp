@@ -40,6 +40,8 @@ const char* ToText(LockClass lockClass) {
       return "block list";
     case LockClass::kBlock:
       return "block";
+    case LockClass::kBlockIndex:
+      return "block index";
     case LockClass::kTracker:
       return "tracker";
     case LockClass::kCacheObject:

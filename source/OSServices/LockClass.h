@@ -21,6 +21,7 @@ enum class LockClass : std::uint8_t {
   kBatch,                  // the blocks of a batch
   kBlockList,              // the blocks of a cache
   kBlock,                  // one block
+  kBlockIndex,             // a part of the index of blocks
   kTracker,                // the work tracker of one transaction
   kCacheObject,            // small state of a cache: who cancels, what is being reported
   kCommandQueue,           // what the workers are asked to do
