@@ -1,4 +1,4 @@
-# What `cmake --install` puts in place: both libraries, the simulated host for tests, the headers in
+# What `cmake --install` puts in place: the libraries, the simulated host for tests, the headers in
 # one folder, the package files of CMake (find_package(Orvane)) and of pkg-config (orvane,
 # orvane-static).
 include(CMakePackageConfigHelpers)

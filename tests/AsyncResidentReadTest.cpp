@@ -22,7 +22,7 @@ class BusyCopies {
       : request_(16) {
     request_.OnReport([this, last](const Report&) {
       entered_->Release(1);
-      leave_->Wait(5000, 1);
+      EXPECT_TRUE(leave_->Wait(60000, 1));
       last();
     });
     EXPECT_EQ(CacheSource::kResultPending, request_.Read(source, offset));

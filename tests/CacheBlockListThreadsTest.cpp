@@ -94,15 +94,18 @@ TEST_F(BlockFixture, AFreeBlockThatIsBeingClaimedGetsNoHolder) {
   AutoRelease<ClaimingSource> claiming(new ClaimingSource(MemorySource::Pattern(kBlock, 2)));
   Reader reader(claiming, 0, 10);
   std::size_t held = 0;
+  std::atomic<bool> hasStarted{false};
   std::atomic<bool> isOver{false};
   std::thread holder;
   claiming->OnNextKey([&] {
     holder = std::thread([&] {
+      hasStarted = true;
       CacheBlockList::ResidentPiece piece{};
       held = list->LockResident(key, 0, kBlock, &piece, 1);
       if (held > 0) piece.block->Unlock(CacheSource::kDueASAP);
       isOver = true;
     });
+    EXPECT_TRUE(Eventually([&] { return hasStarted.load(); }));
     for (int k = 0; k < 100 && !isOver; ++k) MTInterface::Sleep(1);
   });
   CacheBlock* const block = list->FindBlockToReadInto(reader);

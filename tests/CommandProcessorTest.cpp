@@ -322,31 +322,52 @@ TEST_F(CommandProcessorTest, OfThoseThatWaitTheFirstDueGetsWhatIsFree) {
   ASSERT_TRUE(journal_.WaitFor("end due 500"));
 }
 
+// After four tries for nothing the next one succeeds: were it to go behind its equals each time,
+// that would be the second of three.
 TEST_F(CommandProcessorTest, EqualsThatWaitStayInTheOrderInWhichTheyCame) {
   Make();
-  std::atomic<int> free{0};
+  int tries = 0;
   const auto take = [&](TestCommand*) {
-    int seen = free.load();
-    while (seen > 0 && !free.compare_exchange_weak(seen, seen - 1)) {
-    }
-    return seen > 0;
+    ++tries;
+    return tries > 4;
   };
   processor_->Hold();
   for (const char* name : {"a", "b", "c"}) Add(name, 0, take);
   processor_->Release();
-  ASSERT_TRUE(journal_.WaitFor("run c"));
-  // Tries for nothing, and then one by one.
-  for (std::uint64_t tries = 5; tries <= 7; ++tries) {
-    WaitForPass(processor_->GetPass() + tries);
-    free = 1;
-    processor_->Wake();
-    for (int k = 0; k < 5000 && free > 0; ++k) MTInterface::Sleep(1);
-    ASSERT_EQ(0, free);
-  }
   for (const char* end : {"end a", "end b", "end c"}) ASSERT_TRUE(journal_.WaitFor(end));
   Lines ends = journal_.Get();
   std::erase_if(ends, [](const std::string& line) { return !line.starts_with("end"); });
   EXPECT_EQ((Lines{"end a", "end b", "end c"}), ends);
+}
+
+// However long the first waits, what waits for something else is tried as often.
+TEST_F(CommandProcessorTest, AnEqualThatWaitsForSomethingElseIsTriedInEachPass) {
+  class WaitingFor : public TestCommand {
+   public:
+    WaitingFor(Journal* journal, std::string name, const void* resource, Work work)
+        : TestCommand(journal, std::move(name), 0, std::move(work)), resource_(resource) {}
+    const void* GetResource() const override { return resource_; }
+
+   private:
+    const void* const resource_;
+  };
+  Make();
+  const char first = 0;
+  const char other = 0;
+  std::atomic<bool> isOver{false};
+  std::vector<std::uint64_t> passes;
+  processor_->Hold();
+  processor_->Add(
+      new WaitingFor(&journal_, "first", &first, [&](TestCommand*) { return isOver.load(); }));
+  processor_->Add(new WaitingFor(&journal_, "other", &other, [&](TestCommand* command) {
+    passes.push_back(command->GetPass());
+    isOver = passes.size() == 40;
+    return isOver.load();
+  }));
+  processor_->Release();
+  ASSERT_TRUE(journal_.WaitFor("end first"));
+  ASSERT_EQ(40u, passes.size());
+  EXPECT_EQ(passes.front() + 39, passes.back());
 }
 
 TEST_F(CommandProcessorTest, OnesThatKeepComingDoNotKeepOneThatWaitsFromItsTurn) {

@@ -53,6 +53,17 @@ CacheBlock* BlockIndex::Find(std::uint32_t sourceKey, std::uint64_t sourceOffset
   if (buckets_.empty()) return nullptr;
   const std::size_t bucket = BucketOf(sourceKey, sourceOffset);
   CritSecLock lock(LockOf(bucket));
+  return FindIn(bucket, sourceKey, sourceOffset);
+}
+
+CacheBlock* BlockIndex::FindWithListLock(std::uint32_t sourceKey,
+                                         std::uint64_t sourceOffset) const {
+  if (buckets_.empty()) return nullptr;
+  return FindIn(BucketOf(sourceKey, sourceOffset), sourceKey, sourceOffset);
+}
+
+CacheBlock* BlockIndex::FindIn(std::size_t bucket, std::uint32_t sourceKey,
+                               std::uint64_t sourceOffset) const {
   CacheBlock* block = buckets_[bucket];
   while (block && (block->sourceOffset_ != sourceOffset || block->sourceKey_ != sourceKey)) {
     block = block->indexNext_;

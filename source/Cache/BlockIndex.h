@@ -33,8 +33,11 @@ class BlockIndex {
   // The block at that place or null. Without the lock of the list it may be at another one as soon
   // as this returns.
   CacheBlock* Find(std::uint32_t sourceKey, std::uint64_t sourceOffset) const;
+  // The same, for one who holds the lock of the list: nothing changes meanwhile.
+  CacheBlock* FindWithListLock(std::uint32_t sourceKey, std::uint64_t sourceOffset) const;
 
  private:
+  CacheBlock* FindIn(std::size_t bucket, std::uint32_t sourceKey, std::uint64_t sourceOffset) const;
   std::size_t BucketOf(std::uint32_t sourceKey, std::uint64_t sourceOffset) const;
   MTCritSec* LockOf(std::size_t bucket) const;
 

@@ -100,7 +100,7 @@ CacheBlock* CacheBlockList::FindBlockToCopyOutOf(CacheTransaction* transaction, 
       if (place > begin && (place - begin) / blockSize_ > most) return nullptr;
       // Past the last block of all there is nothing.
       *cursor = place > kBehindAll - blockSize_ ? kBehindAll : place + blockSize_;
-      CacheBlock* const block = index_.Find(sourceKey, place);
+      CacheBlock* const block = index_.FindWithListLock(sourceKey, place);
       if (!block) continue;
       *alreadyServed = false;
       if (block->LockForCopyOutOf(transaction, alreadyServed)) return block;
@@ -216,7 +216,7 @@ void CacheBlockList::VisitBlocksOfRange(std::uint32_t sourceKey, std::uint64_t o
     CacheBlock* block = nullptr;
     {
       Lock lock(this);
-      block = index_.Find(sourceKey, range.first + k * blockSize_);
+      block = index_.FindWithListLock(sourceKey, range.first + k * blockSize_);
     }
     if (block) visit(block);
   }
@@ -247,7 +247,7 @@ std::size_t CacheBlockList::LockResident(std::uint32_t sourceKey, std::uint64_t 
   while (size > 0 && count < most) {
     const std::uint64_t place = offset - offset % blockSize_;
     const std::uint64_t bytes = std::min(size, blockSize_ - (offset - place));
-    CacheBlock* const block = FindBlock(sourceKey, place);
+    CacheBlock* const block = index_.FindWithListLock(sourceKey, place);
     const char* const address =
         block ? block->LockForResidentRead(sourceKey, offset, bytes) : nullptr;
     if (!address) {
@@ -264,7 +264,7 @@ std::size_t CacheBlockList::LockResident(std::uint32_t sourceKey, std::uint64_t 
 // A transaction whose ranges somebody else took apart may want more of a block it is attached to.
 void CacheBlockList::MakeWay(CacheBlock* block, std::uint32_t sourceKey,
                              std::uint64_t sourceOffset) {
-  CacheBlock* const other = index_.Find(sourceKey, sourceOffset);
+  CacheBlock* const other = index_.FindWithListLock(sourceKey, sourceOffset);
   if (other && other != block) other->Doom();
 }
 

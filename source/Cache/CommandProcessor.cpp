@@ -15,8 +15,10 @@ namespace {
 constexpr std::uint32_t kWithoutLimit = 0xFFFFFFFF;
 // How long a command that stands aside waits for another try when nobody wakes the worker.
 constexpr std::uint32_t kTryAgainMs = 1;
-// Every so many passes those aside that wait for something else than the first are tried as well.
-constexpr std::uint64_t kPassesPerLookFurther = 16;
+// Of those aside the first is tried in each pass. Those that wait for something else are looked for
+// in each pass while there are few; among many, which takes as long as there are, less often.
+constexpr std::size_t kFewAside = 64;
+constexpr std::size_t kMostPassesPerLook = 16;
 // A pass ends after so many commands, so that those aside get their turn however many come in.
 constexpr std::size_t kCommandsPerPass = 64;
 
@@ -177,7 +179,9 @@ Command* CommandProcessor::Pick(const std::uint32_t* kind, const Pass& pass) {
       return command;
     }
   }
-  if (!pass.triesAside && pass.number % kPassesPerLookFurther == 0 &&
+  const std::uint64_t passesPerLook =
+      std::clamp<std::size_t>(aside_.GetCount() / kFewAside, 1, kMostPassesPerLook);
+  if (!pass.triesAside && pass.number % passesPerLook == 0 &&
       pass.missingCount < pass.missing.size() && aside_.GetCount() > 1) {
     OtherWaiter other(&pass);
     if (Command* const command = aside_.FindAndRemove(&other)) {

@@ -13,7 +13,8 @@ namespace Orvane {
 // Copies on the cache's thread for copies, in order of due time, and reports. What was evicted
 // before its turn is read like any other miss, so it says nothing about the answer that what it
 // asks for is in memory now. What was invalidated before its turn fails, as a read does that waits
-// for a block. Takes no way through blocks and transactions: it is one allocation.
+// for a block; after hundreds of other invalidations it is thought to have been evicted. Takes no
+// way through blocks and transactions: it is one allocation.
 //
 // Owned by the processor up to Finish, then by its report.
 class ResidentReadCommand : public CacheCommand, private DeferredReport {
