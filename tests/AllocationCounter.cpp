@@ -77,6 +77,10 @@ AllocationFailure::~AllocationFailure() {
   untilFailure = 0;
 }
 
+void AllocationFailure::Arm(std::size_t ordinal) {
+  untilFailure = ordinal;
+}
+
 bool AllocationFailure::HasHappened() const {
   return untilFailure == 0;
 }

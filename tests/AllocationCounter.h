@@ -25,6 +25,11 @@ class AllocationFailure {
 
   // Whether it has failed by now.
   bool HasHappened() const;
+
+  // The same without an object, for a thread of the library: such an object in a thread_local would
+  // be destroyed at the end of the thread, when some run-times have taken its memory away. 0: none
+  // will fail any more.
+  static void Arm(std::size_t ordinal);
 };
 
 }  // namespace Orvane

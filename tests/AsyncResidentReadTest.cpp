@@ -133,12 +133,11 @@ TEST_F(AsyncResidentReadTest, WhatIsEvictedBeforeItsTurnMayEndShort) {
 
 TEST_F(AsyncResidentReadTest, WhatIsEvictedMayNotBeReadAgainForLackOfMemory) {
   // Of the thread for copies.
-  static thread_local std::unique_ptr<AllocationFailure> failure;
-  BusyCopies busy(other_, 0, [] { failure = std::make_unique<AllocationFailure>(1); });
+  BusyCopies busy(other_, 0, [] { AllocationFailure::Arm(1); });
   AsyncRequest request(100);
   ASSERT_EQ(CacheSource::kResultPending, request.Read(source_, 4096));
   EvictAll();
-  request.OnReport([](const Report&) { failure.reset(); });
+  request.OnReport([](const Report&) { AllocationFailure::Arm(0); });
   busy.End();
   EXPECT_EQ((Report{CacheSource::kResultError, 0}), request.GetReport());
   EXPECT_TRUE(source_->GetRequests().empty());

@@ -21,9 +21,7 @@ constexpr std::size_t kMostAllocations = 400;
 
 // The `ordinal`-th allocation of the calling thread from now on fails; none, for 0.
 void FailLater(std::size_t ordinal) {
-  thread_local std::unique_ptr<AllocationFailure> failure;
-  failure.reset();
-  if (ordinal > 0) failure = std::make_unique<AllocationFailure>(ordinal);
+  AllocationFailure::Arm(ordinal);
 }
 
 class CacheFailureTest : public CacheToolsFixture {

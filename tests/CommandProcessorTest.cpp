@@ -555,8 +555,7 @@ TEST_F(CommandProcessorTest, AnExceptionCancelsItsCommandAndTheOthersGoOn) {
 
 // Of the calling thread: for a command, that of the place among those that wait.
 void FailNextAllocation() {
-  thread_local std::unique_ptr<AllocationFailure> failure;
-  failure = std::make_unique<AllocationFailure>(1);
+  AllocationFailure::Arm(1);
 }
 
 TEST_F(CommandProcessorTest, ACommandForWhichThereIsNoMemoryToWaitIsCancelled) {
